@@ -1,0 +1,55 @@
+# The two commands of the README: `make run` and `make test`. Both install what is missing first.
+BUILD_DIR ?= build
+SANITIZE_DIR ?= build-sanitize
+FUZZ_DIR ?= build-fuzz
+JOBS ?= $(shell nproc)
+CMAKE_FLAGS ?=
+FUZZ_SECONDS ?= 60
+
+export CCACHE_BASEDIR := $(CURDIR)
+export CCACHE_NOHASHDIR := 1
+
+LAUNCHER := $(shell command -v ccache >/dev/null 2>&1 && echo -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+
+.PHONY: all bootstrap build run test sanitize fuzz bench clean
+
+all: build
+
+bootstrap:
+	@bash tools/bootstrap
+
+$(BUILD_DIR)/build.ninja:
+	cmake -S . -B $(BUILD_DIR) -G Ninja $(LAUNCHER) $(CMAKE_FLAGS)
+
+build: bootstrap $(BUILD_DIR)/build.ninja
+	cmake --build $(BUILD_DIR) -j $(JOBS)
+
+# Converts the bundled example (a raw 16-bit tone) to a WAV-free format and shows what was read.
+run: build
+	@mkdir -p $(BUILD_DIR)/run
+	$(BUILD_DIR)/orlin info --yes examples/tone.sw
+	$(BUILD_DIR)/orlin convert --yes examples/tone.sw --to f32 -o $(BUILD_DIR)/run/tone.f32
+	$(BUILD_DIR)/orlin info $(BUILD_DIR)/run/tone.f32
+
+test: build
+	cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS)
+
+# The same tests under AddressSanitizer and UndefinedBehaviorSanitizer.
+sanitize: bootstrap
+	cmake -S . -B $(SANITIZE_DIR) -G Ninja $(LAUNCHER) -DORLIN_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug $(CMAKE_FLAGS)
+	cmake --build $(SANITIZE_DIR) -j $(JOBS)
+	cd $(SANITIZE_DIR) && ASAN_OPTIONS=detect_leaks=1 ctest --output-on-failure -j $(JOBS)
+
+# Each libFuzzer target for FUZZ_SECONDS, seeded from the test corpus.
+fuzz: bootstrap
+	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_DIR) -G Ninja $(LAUNCHER) -DORLIN_FUZZ=ON -DORLIN_TESTS=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	cmake --build $(FUZZ_DIR) -j $(JOBS)
+	bash fuzz/run_all.sh $(FUZZ_DIR) $(FUZZ_SECONDS)
+
+bench: bootstrap
+	cmake -S . -B build-bench -G Ninja $(LAUNCHER) -DORLIN_BENCH=ON -DORLIN_TESTS=OFF -DCMAKE_BUILD_TYPE=Release
+	cmake --build build-bench -j $(JOBS)
+	bash bench/run_all.sh build-bench
+
+clean:
+	rm -rf $(BUILD_DIR) $(SANITIZE_DIR) $(FUZZ_DIR) build-bench

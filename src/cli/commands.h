@@ -1,0 +1,56 @@
+// The sub-commands of `orlin`. Exit status: 0 success, 1 a file failed, 2 bad usage.
+#pragma once
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "core/collection.h"
+#include "core/user_interface.h"
+
+namespace orlin::cli {
+
+constexpr int kExitOk = 0;
+constexpr int kExitFileFailed = 1;
+constexpr int kExitUsage = 2;
+
+int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& err);
+
+// How questions are answered: by the person at the terminal, or by --yes / --no.
+enum class AnswerPolicy { Ask, Yes, No };
+
+// The command line's user interface: prompts on a terminal, fixed answers otherwise, progress on
+// standard error.
+class TerminalUserInterface : public UserInterface {
+ public:
+  TerminalUserInterface(AnswerPolicy policy, std::ostream& err) : policy_(policy), err_(err) {}
+  int Ask(std::string_view title, std::string_view question, const std::vector<std::string>& buttons) override;
+  void Warn(std::string_view title, std::string_view text) override;
+  bool LocateFile(std::string_view title, std::string_view name, std::string& pathOut) override;
+  void SetStatus(std::string_view text, StatusMode mode) override;
+  void ProgressTick(uint64_t done, uint64_t total) override;
+  bool CancelRequested() override { return false; }
+  bool OpenExternally(const std::string& path) override;
+
+ private:
+  AnswerPolicy policy_;
+  std::ostream& err_;
+};
+
+int RunFormats(bool readable, bool writable, bool json, std::ostream& out);
+int RunInfo(const std::vector<std::string>& files, bool json, std::ostream& out, std::ostream& err);
+
+struct ConvertRequest {
+  std::vector<std::string> inputs;
+  std::string toExtension;
+  int row = -1;
+  std::string output;
+  std::string dataFormat;
+  std::string channels = "auto";
+  std::string saveAllMode;  // empty: one file per input
+};
+int RunConvert(const ConvertRequest& request, std::ostream& out, std::ostream& err);
+
+// Text lines describing the items of a collection as a tree, for `orlin info`.
+std::vector<std::string> DescribeTree(const Collection& collection);
+
+}  // namespace orlin::cli

@@ -1,0 +1,175 @@
+#include <cstdio>
+
+#include "cli/commands.h"
+#include "cli/json.h"
+#include "core/file_object.h"
+#include "core/format_table.h"
+#include "core/last_error.h"
+#include "core/pipeline.h"
+#include "core/text.h"
+
+namespace orlin::cli {
+
+namespace {
+
+std::string RangeText(int lo, int hi, bool notes) {
+  auto one = [notes](int v) { return notes ? NoteName(v) : std::to_string(v); };
+  return lo == hi ? one(lo) : one(lo) + ".." + one(hi);
+}
+
+std::string WaveFacts(const Waveform& wave) {
+  char text[512];
+  std::snprintf(text, sizeof text, "%u frames, %u Hz, %u ch, %u bits, %s, root %s, tune %+d ct", wave.length,
+                wave.sampleRate, wave.channels, wave.bits, StorageName(wave.SourceStorage()),
+                NoteName(wave.rootKey).c_str(), int(wave.fineTune));
+  std::string out = text;
+  if (wave.gain != 0.0f) out += ", gain " + std::to_string(wave.gain) + " dB";
+  if (wave.loop.type != 0) {
+    std::snprintf(text, sizeof text, ", loop %s %g..%g", wave.loop.type == 1 ? "forward" : wave.loop.type == 2 ? "reverse" : "alternating",
+                  double(wave.loop.start), double(wave.loop.end));
+    out += text;
+  }
+  if (!wave.markers.empty()) out += ", " + std::to_string(wave.markers.size()) + " markers";
+  return out;
+}
+
+void WaveJson(JsonWriter& json, const Waveform& wave) {
+  json.BeginObject()
+      .Key("name").Value(wave.GetName())
+      .Key("frames").Value(wave.length)
+      .Key("rate").Value(wave.sampleRate)
+      .Key("channels").Value(uint32_t(wave.channels))
+      .Key("bits").Value(uint32_t(wave.bits))
+      .Key("storage").Value(StorageName(wave.SourceStorage()))
+      .Key("rootKey").Value(uint32_t(wave.rootKey))
+      .Key("fineTuneCents").Value(int(wave.fineTune))
+      .Key("gainDb").Value(double(wave.gain));
+  json.Key("loop").BeginObject()
+      .Key("type").Value(uint32_t(wave.loop.type))
+      .Key("start").Value(double(wave.loop.start))
+      .Key("endExclusive").Value(double(wave.loop.end))
+      .EndObject();
+  json.Key("markers").BeginArray();
+  for (const Marker& marker : wave.markers)
+    json.BeginObject().Key("name").Value(marker.name).Key("start").Value(marker.start).Key("end").Value(marker.end).EndObject();
+  json.EndArray().EndObject();
+}
+
+void InstrumentJson(JsonWriter& json, const Collection& collection, const Instrument& instrument) {
+  json.BeginObject()
+      .Key("name").Value(instrument.GetName())
+      .Key("bank").Value(instrument.MajorBank())
+      .Key("minorBank").Value(instrument.MinorBank())
+      .Key("program").Value(instrument.Program())
+      .Key("drumKit").Value(instrument.IsDrumKit());
+  json.Key("layers").BeginArray();
+  for (uint32_t layerId : instrument.children) {
+    const Layer* layer = collection.Find<Layer>(layerId);
+    if (!layer) continue;
+    json.BeginObject().Key("name").Value(layer->GetName()).Key("regions").BeginArray();
+    for (uint32_t regionId : layer->children) {
+      const Region* region = collection.Find<Region>(regionId);
+      if (!region) continue;
+      const Waveform* wave = region->GetWave();
+      json.BeginObject()
+          .Key("keys").BeginArray().Value(uint32_t(region->range.loKey)).Value(uint32_t(region->range.hiKey)).EndArray()
+          .Key("velocities").BeginArray().Value(uint32_t(region->range.loVelocity)).Value(uint32_t(region->range.hiVelocity)).EndArray()
+          .Key("rootKey").Value(uint32_t(region->EffectiveRootKey()))
+          .Key("wave").Value(wave ? wave->GetName() : std::string())
+          .EndObject();
+    }
+    json.EndArray().EndObject();
+  }
+  json.EndArray().EndObject();
+}
+
+}  // namespace
+
+std::vector<std::string> DescribeTree(const Collection& collection) {
+  std::vector<std::string> lines;
+  lines.push_back("collection \"" + collection.GetName() + "\"");
+  for (const Instrument* instrument : collection.All<Instrument>()) {
+    char head[256];
+    std::snprintf(head, sizeof head, "  instrument %s%d-%d-%d \"", instrument->IsDrumKit() ? "drums " : "",
+                  instrument->MajorBank(), instrument->MinorBank(), instrument->Program());
+    lines.push_back(head + instrument->GetName() + "\"");
+    for (uint32_t layerId : instrument->children) {
+      const Layer* layer = collection.Find<Layer>(layerId);
+      if (!layer) continue;
+      lines.push_back("    layer \"" + layer->GetName() + "\", " + std::to_string(layer->children.size()) + " regions");
+      for (uint32_t regionId : layer->children) {
+        const Region* region = collection.Find<Region>(regionId);
+        if (!region) continue;
+        lines.push_back("      region keys " + RangeText(region->range.loKey, region->range.hiKey, true) + ", vel " +
+                        RangeText(region->range.loVelocity, region->range.hiVelocity, false) + ", root " +
+                        NoteName(region->EffectiveRootKey()) + ": " + region->GetName());
+      }
+    }
+  }
+  for (const Waveform* wave : collection.All<Waveform>())
+    lines.push_back("  waveform \"" + wave->GetName() + "\": " + WaveFacts(*wave));
+  for (const Song* song : collection.All<Song>()) {
+    lines.push_back("  song \"" + song->GetName() + "\": format " + std::to_string(song->format) + ", " +
+                    std::to_string(song->children.size()) + " tracks");
+    for (uint32_t trackId : song->children)
+      if (const Track* track = collection.Find<Track>(trackId))
+        lines.push_back("    track \"" + track->GetName() + "\", " + std::to_string(track->data.size()) + " bytes");
+  }
+  return lines;
+}
+
+int RunInfo(const std::vector<std::string>& files, bool json, std::ostream& out, std::ostream& err) {
+  int status = kExitOk;
+  JsonWriter writer;
+  writer.BeginArray();
+  for (const std::string& path : files) {
+    FileObject file;
+    int32_t confidence = 0;
+    int32_t row = -1;
+    if (file.Open(path, FileMode::Read)) row = DetectFileFormat(path, file, confidence);
+    file.Close();
+    Collection collection;
+    const bool loaded = LoadFile(collection, path, true);
+    if (!loaded) {
+      err << path << ": " << LastError() << "\n";
+      status = kExitFileFailed;
+    }
+    if (json) {
+      writer.BeginObject()
+          .Key("file").Value(path)
+          .Key("row").Value(row)
+          .Key("extension").Value(GetRowExtension(row))
+          .Key("description").Value(GetRowDescription(row))
+          .Key("confidence").Value(confidence)
+          .Key("loaded").Value(loaded);
+      if (!loaded) writer.Key("error").Value(LastError());
+      writer.Key("name").Value(collection.GetName());
+      writer.Key("instruments").BeginArray();
+      for (const Instrument* instrument : collection.All<Instrument>()) InstrumentJson(writer, collection, *instrument);
+      writer.EndArray();
+      writer.Key("waveforms").BeginArray();
+      for (const Waveform* wave : collection.All<Waveform>()) WaveJson(writer, *wave);
+      writer.EndArray();
+      writer.Key("songs").BeginArray();
+      for (const Song* song : collection.All<Song>()) {
+        writer.BeginObject().Key("name").Value(song->GetName()).Key("format").Value(uint32_t(song->format));
+        writer.Key("tracks").BeginArray();
+        for (uint32_t trackId : song->children)
+          if (const Track* track = collection.Find<Track>(trackId))
+            writer.BeginObject().Key("name").Value(track->GetName()).Key("bytes").Value(uint32_t(track->data.size())).EndObject();
+        writer.EndArray().EndObject();
+      }
+      writer.EndArray().EndObject();
+      continue;
+    }
+    out << path << ": " << (row >= 0 ? GetRowExtension(row) + " - " + GetRowDescription(row) : "unknown")
+        << " (row " << row << ", confidence " << confidence << "%)\n";
+    if (loaded)
+      for (const std::string& line : DescribeTree(collection)) out << line << "\n";
+  }
+  writer.EndArray();
+  if (json) out << writer.Text() << "\n";
+  return status;
+}
+
+}  // namespace orlin::cli
