@@ -27,7 +27,7 @@ build: bootstrap $(BUILD_DIR)/build.ninja
 # Converts the bundled example (a raw 16-bit tone) to a WAV-free format and shows what was read.
 run: build
 	@mkdir -p $(BUILD_DIR)/run
-	$(BUILD_DIR)/orlin info --yes examples/tone.sw
+	$(BUILD_DIR)/orlin info examples/tone.sw
 	$(BUILD_DIR)/orlin convert --yes examples/tone.sw --to f32 -o $(BUILD_DIR)/run/tone.f32
 	$(BUILD_DIR)/orlin info $(BUILD_DIR)/run/tone.f32
 

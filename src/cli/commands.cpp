@@ -77,6 +77,9 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
   auto* info = app.add_subcommand("info", "Detect files and show the items they hold");
   info->add_option("files", infoFiles, "Files to inspect")->required();
   info->add_flag("--json", infoJson, "JSON output");
+  bool infoYes = false, infoNo = false;
+  info->add_flag("--yes", infoYes, "Answer every question with its first choice (read unknown files as raw)");
+  info->add_flag("--no", infoNo, "Answer every question with no / skip");
 
   ConvertRequest convert;
   bool yes = false, no = false;
@@ -107,6 +110,8 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
     return code == 0 ? kExitOk : kExitUsage;
   }
 
+  yes = yes || infoYes;
+  no = no || infoNo;
   const AnswerPolicy policy = yes ? AnswerPolicy::Yes : no ? AnswerPolicy::No : AnswerPolicy::Ask;
   TerminalUserInterface ui(policy, err);
   SetUserInterface(&ui);
