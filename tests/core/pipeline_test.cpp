@@ -324,3 +324,55 @@ TEST(Saving, FileNamesAndSaveAll) {
 
 }  // namespace
 }  // namespace orlin
+
+namespace orlin {
+namespace {
+
+TEST(Loading, ReplaceWavesTakesSamplesOfTheSameName) {
+  ScratchDir dir;
+  test::WriteBytes(dir.File("Kick.sb"), std::vector<uint8_t>(50, 0x40));
+  Collection collection;
+  auto* kick = new Waveform(&collection);
+  kick->SetName("Kick");
+  kick->length = 10;
+  kick->loop = {1, 0, 2.0f, 8.0f, 0.0f};
+  auto* snare = new Waveform(&collection);
+  snare->SetName("Snare");
+  snare->length = 10;
+  int replaced = -1;
+  ASSERT_TRUE(ReplaceWavesFromFile(collection, dir.File("Kick.sb"), &replaced));
+  EXPECT_EQ(replaced, 1);
+  EXPECT_EQ(kick->length, 50u);
+  EXPECT_EQ(kick->sampleRate, 44100u);
+  ASSERT_NE(kick->Data(), nullptr);
+  EXPECT_FLOAT_EQ(kick->Data()->samples[0], 0.5f);
+  // The new wave has no loop, so the old one stays.
+  EXPECT_EQ(kick->loop.type, 1);
+  EXPECT_EQ(snare->length, 10u);
+}
+
+TEST(Loading, LocateFileSearchOrder) {
+  ScratchDir dir;
+  std::filesystem::create_directories(dir.Path() / "samples");
+  test::WriteBytes(dir.File("samples/a.wav"), {1});
+  test::WriteBytes(dir.File("b.wav"), {1});
+  const std::string source = dir.File("inst.sfz");
+  std::string found;
+  ResetLocateFolder();
+  ASSERT_TRUE(LocateFile(source, "samples\\a.wav", found));
+  EXPECT_EQ(found, dir.File("samples/a.wav"));
+  ASSERT_TRUE(LocateFile(source, "C:\\old\\place\\b.wav", found)) << "the file part beside the source";
+  EXPECT_EQ(found, dir.File("b.wav"));
+  // Not found: the user is asked, and the folder of the answer is kept for the rest of the load.
+  ScriptedUserInterface ui;
+  ScopedUserInterface scoped(ui);
+  test::WriteBytes(dir.File("samples/c.wav"), {1});
+  ui.locateAnswers = {dir.File("samples/x.wav")};
+  ASSERT_TRUE(LocateFile(source, "x.wav", found));
+  ASSERT_TRUE(LocateFile(source, "c.wav", found));
+  EXPECT_EQ(found, dir.File("samples/c.wav"));
+  EXPECT_FALSE(LocateFile(source, "gone.wav", found)) << "cancel";
+}
+
+}  // namespace
+}  // namespace orlin
