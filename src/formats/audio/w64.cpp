@@ -1,7 +1,8 @@
 // Wave-64 reader and writer. Chunk sizes count their 24-byte head and bodies are padded to 8. The
 // markers chunk is a count and 32-byte records, each followed by its UTF-16 name: a negative length
 // marks a point, a region whose name is "Loop" becomes the loop. Root key and fine tune travel in a
-// smpl chunk with the container's id tail, as no Wave-64 chunk of its own holds them.
+// smpl chunk with the container's id tail, as no Wave-64 chunk of its own holds them. All chunks
+// stand ahead of data, as common readers take data to run to the end of the file.
 #include "formats/audio/w64.h"
 
 #include <algorithm>
@@ -182,9 +183,10 @@ class W64Writer {
     writer_.U64(0);
     return head;
   }
-  void Close(size_t head) {
+  // The last chunk of a file goes without its pad: common readers would take the pad as samples.
+  void Close(size_t head, bool pad = true) {
     writer_.PatchU64(head + 16, writer_.Size() - head);
-    writer_.Fill(0, (8 - writer_.Size() % 8) % 8);
+    if (pad) writer_.Fill(0, (8 - writer_.Size() % 8) % 8);
   }
   void Chunk(const Guid& id, const std::vector<uint8_t>& body) {
     const size_t head = Open(id);
@@ -261,10 +263,6 @@ bool WriteW64(Item* item, FileObject* file, const SaveOptions* options) {
     fact.U64(frames);
     w64.Chunk(MakeId("fact", kWaveTail), fact.Bytes());
   }
-  const size_t data = w64.Open(MakeId("data", kWaveTail));
-  if (!AppendSamples(w64.Body().Bytes(), wave, storage, channels, flags)) return false;
-  w64.Close(data);
-
   ByteWriter list;
   uint32_t entries = 0;
   list.U32(0);
@@ -323,6 +321,10 @@ bool WriteW64(Item* item, FileObject* file, const SaveOptions* options) {
     w64.Chunk(kMarkersId, markers.Bytes());
   }
   w64.Chunk(MakeId("smpl", kWaveTail), SamplerChunkBody(wave));
+  const size_t data = w64.Open(MakeId("data", kWaveTail));
+  if (!AppendSamples(w64.Body().Bytes(), wave, storage, channels, flags)) return false;
+  w64.Close(data, false);
+
   w64.Body().PatchU64(outer + 16, w64.Body().Size() - outer);
   const std::vector<uint8_t>& image = w64.Body().Bytes();
   if (!file->Write(image.data(), image.size())) return Fail("Writing to file failed");
