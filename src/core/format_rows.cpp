@@ -3,6 +3,8 @@
 // Where each row's mask, caps and variant come from is told in docs/formats.md.
 #include "core/format_table.h"
 #include "formats/audio/raw.h"
+#include "formats/audio/w64.h"
+#include "formats/audio/wav.h"
 #include "formats/common/generic_rows.h"
 
 namespace orlin {
@@ -50,7 +52,7 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /*  37 */ {"bnk", nullptr, nullptr, nullptr, "AdLib bank", 0x91, 0x00000000, 0x0, nullptr},
     /*  38 */ {"bnk", nullptr, nullptr, nullptr, "Yamaha DX100/DX21/DX27 voice SysEx", 0x91, 0x00000000, 0x1, nullptr},
     /*  39 */ {"bnk", nullptr, nullptr, nullptr, "Yamaha DX11/TX81z voice SysEx", 0x91, 0x00000000, 0x2, nullptr},
-    /*  40 */ {"bwf", nullptr, nullptr, nullptr, "Broadcast wave", 0x01, 0x00000000, 0x0, nullptr},
+    /*  40 */ {"bwf", ReadWav, nullptr, DetectBroadcastWav, "Broadcast wave", 0x01, 0x00000000, 0x0, nullptr},
     /*  41 */ {"c01", nullptr, nullptr, nullptr, "Typhoon wave", 0x01, 0x00000000, 0x0, nullptr},
     /*  42 */ {"caf", nullptr, nullptr, nullptr, "Apple CoreAudio", 0x01, 0x00000000, 0x0, nullptr},
     /*  43 */ {"caff", nullptr, nullptr, nullptr, "Apple CoreAudio", 0x01, 0x00000000, 0x0, nullptr},
@@ -352,7 +354,7 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /* 339 */ {"ra", nullptr, nullptr, nullptr, "RealAudio - Voice", 0x91, 0x00000000, 0x1, nullptr},
     /* 340 */ {"raw", ReadRawPcm, WriteRawPcm, DetectByExtensionOnly, "Signed 8-bit PCM", 0x01, 0x00300001, 0x1, nullptr},
     /* 341 */ {"raw", nullptr, nullptr, nullptr, "Rdos Raw OPL capture", 0x60, 0x00000000, 0x1, nullptr},
-    /* 342 */ {"rif", nullptr, nullptr, nullptr, "Rockwell ADPCM (HotFax/Quicklink)", 0x01, 0x00000000, 0x0, nullptr},
+    /* 342 */ {"rif", ReadWav, nullptr, DetectRockwellRif, "Rockwell ADPCM (HotFax/Quicklink)", 0x01, 0x00000000, 0x0, nullptr},
     /* 343 */ {"rol", nullptr, nullptr, nullptr, "AdLib Visual Composer song", 0x60, 0x00000000, 0x0, nullptr},
     /* 344 */ {"rom", nullptr, nullptr, nullptr, "Roland D-50 PCM ROM", 0x91, 0x00000000, 0x0, nullptr},
     /* 345 */ {"rom", nullptr, nullptr, nullptr, "Roland MT-32 PCM ROM", 0x91, 0x00000000, 0x1, nullptr},
@@ -390,7 +392,7 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /* 377 */ {"sdk", nullptr, nullptr, nullptr, "Roland S-5xx disk image", 0x91, 0x00000000, 0x0, nullptr},
     /* 378 */ {"sdk", nullptr, nullptr, nullptr, "Roland S-7xx disk image", 0x91, 0x00000000, 0x1, nullptr},
     /* 379 */ {"sds", nullptr, nullptr, nullptr, "MIDI SDS", 0x01, 0x00000000, 0x0, nullptr},
-    /* 380 */ {"sds", nullptr, nullptr, nullptr, "SmartSound SDS", 0x01, 0x00000000, 0x1, nullptr},
+    /* 380 */ {"sds", ReadWav, nullptr, DetectSmartSoundSds, "SmartSound SDS", 0x01, 0x00000000, 0x1, nullptr},
     /* 381 */ {"sdw", ReadRawPcm, WriteRawPcm, DetectByExtensionOnly, "Signed dwords (32-bit)", 0x01, 0x00300020, 0x20, nullptr},
     /* 382 */ {"seq", nullptr, nullptr, nullptr, "PlayStation music", 0x60, 0x00000000, 0x0, nullptr},
     /* 383 */ {"sdx", nullptr, nullptr, nullptr, "SDX compact MIDI SDS", 0x01, 0x00000000, 0x0, nullptr},
@@ -493,9 +495,9 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /* 480 */ {"w7v", nullptr, nullptr, nullptr, "Yamaha Motif ES voices", 0x91, 0x00000000, 0x0, nullptr},
     /* 481 */ {"w7w", nullptr, nullptr, nullptr, "Yamaha Motif ES waves", 0x01, 0x00000000, 0x0, nullptr},
     /* 482 */ {"w8v", nullptr, nullptr, nullptr, "Yamaha Motif ES data", 0x91, 0x00000000, 0x0, nullptr},
-    /* 483 */ {"w64", nullptr, nullptr, nullptr, "Wave-64", 0x01, 0x00000000, 0x0, nullptr},
-    /* 484 */ {"wav", nullptr, nullptr, nullptr, "Microsoft wave", 0x01, 0x00000000, 0x0, nullptr},
-    /* 485 */ {"wav", nullptr, nullptr, nullptr, "Broadcast wave", 0x01, 0x00000000, 0x1, nullptr},
+    /* 483 */ {"w64", ReadW64, WriteW64, DetectW64, "Wave-64", 0x01, 0x00000000, 0x0, nullptr},
+    /* 484 */ {"wav", ReadWav, WriteWav, DetectWav, "Microsoft wave", 0x01, 0x00000000, 0x0, nullptr},
+    /* 485 */ {"wav", ReadWav, nullptr, DetectBroadcastWav, "Broadcast wave", 0x01, 0x00000000, 0x1, nullptr},
     /* 486 */ {"wa!", nullptr, nullptr, nullptr, "GigaStudio compr wave", 0x91, 0x00000000, 0x0, nullptr},
     /* 487 */ {"wfb", nullptr, nullptr, nullptr, "TB WaveFront bank", 0x91, 0x00000000, 0x0, nullptr},
     /* 488 */ {"wfd", nullptr, nullptr, nullptr, "TB WaveFront drums", 0x91, 0x00000000, 0x0, nullptr},

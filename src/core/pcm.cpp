@@ -298,9 +298,13 @@ uint64_t SampleBytes(uint64_t frames, uint32_t storage, uint32_t channels) {
   return (frames * channels * WidthOf(storage) + 7) / 8;
 }
 
-bool WriteSamples(FileObject& file, Waveform& wave, uint32_t storage, uint32_t channels, uint32_t flags) {
+namespace {
+
+// Encodes the wave block by block and hands each block to `sink`; false when the sink fails.
+template <typename Sink>
+bool EncodeSamples(Waveform& wave, uint32_t storage, uint32_t channels, uint32_t flags, Sink&& sink) {
   const uint32_t width = WidthOf(storage);
-  if (width == 0 || storage == kStoragePcm12 || storage == kStoragePcm20) {
+  if (width == 0 || storage == kStoragePcm12 || storage == kStoragePcm20 || channels == 0 || channels > 2) {
     SetLastError("Invalid format for generic export function!");
     return false;
   }
@@ -328,13 +332,32 @@ bool WriteSamples(FileObject& file, Waveform& wave, uint32_t storage, uint32_t c
         out += bytesPerSample;
       }
     }
-    if (!file.Write(buffer.data(), size_t(out - buffer.data()))) {
-      SetLastError("Writing to file failed");
-      return false;
-    }
+    if (!sink(buffer.data(), size_t(out - buffer.data()))) return false;
     done += count;
   }
   return true;
+}
+
+}  // namespace
+
+bool WriteSamples(FileObject& file, Waveform& wave, uint32_t storage, uint32_t channels, uint32_t flags) {
+  return EncodeSamples(wave, storage, channels, flags, [&](const uint8_t* bytes, size_t count) {
+    if (file.Write(bytes, count)) return true;
+    SetLastError("Writing to file failed");
+    return false;
+  });
+}
+
+bool AppendSamples(std::vector<uint8_t>& out, Waveform& wave, uint32_t storage, uint32_t channels, uint32_t flags) {
+  return EncodeSamples(wave, storage, channels, flags, [&](const uint8_t* bytes, size_t count) {
+    out.insert(out.end(), bytes, bytes + count);
+    return true;
+  });
+}
+
+void DecodeSampleBlock(uint32_t storage, uint32_t flags, const uint8_t* bytes, size_t count, float* out) {
+  DecodeState state{storage, (flags & kSourceUnsigned) != 0, (flags & kSourceBigEndian) != 0 && WidthOf(storage) >= 16};
+  ConvertBlock(state, bytes, count, out, 1);
 }
 
 }  // namespace orlin

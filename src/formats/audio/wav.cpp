@@ -1,0 +1,978 @@
+// RIFF WAVE reader and writer. Quirks kept on purpose: the first fmt, data and smpl chunk win; a fact
+// count only ever shortens plain PCM, float and G.711 data; smpl stores the loop end inclusive and the
+// fine tune as a negative pitch fraction, so a positive tune is written one note lower; LIST adtl cue
+// labels "Loop Range", "Loop Start" and "Loop End" set the loop of a file without smpl.
+#include "formats/audio/wav.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+
+#include "core/collection.h"
+#include "core/file_object.h"
+#include "core/last_error.h"
+#include "core/pcm.h"
+#include "core/save_choice.h"
+#include "core/text.h"
+#include "formats/common/byte_reader.h"
+#include "formats/common/riff.h"
+
+namespace orlin {
+
+const InfoTag kInfoTags[6] = {{FourCC("INAM"), kTextName},      {FourCC("IART"), kTextArtist},
+                              {FourCC("IPRD"), kTextProduct},   {FourCC("ICOP"), kTextCopyright},
+                              {FourCC("ICMT"), kTextComments},  {FourCC("IENG"), kTextEngineer}};
+const char kSoftwareTag[] = "Orlin Studio v12.7";
+
+int64_t RoundSampler(double value) {
+  return value >= 0 ? int64_t(value + 0.499) : -int64_t(-value + 0.499);
+}
+
+namespace {
+
+constexpr uint32_t kTagPcm = 1, kTagMsAdpcm = 2, kTagFloat = 3, kTagALaw = 6, kTagMuLaw = 7, kTagImaAdpcm = 17,
+                   kTagDialogic = 23, kTagYamaha = 32, kTagGsm = 49, kTagRockwell = 59, kTagMpeg = 80,
+                   kTagMp3 = 85, kTagG722 = 101, kTagRockwell2 = 768, kTagUsrGsm = 771, kTagUsrGsmRecords = 0x303,
+                   kTagGsmAlt = 4096, kTagExtensible = 0xFFFE;
+constexpr uint32_t kG72xTags[] = {20, 64, 66, 69, 89, 100, 133, 139, 147, 291, 320, 16963, 41221, 41223};
+constexpr uint32_t kAacTags[] = {176, 255, 384, 8198, 8199, 16707, 41222};
+constexpr uint32_t kVorbisTags[] = {26447, 26448, 26449, 26479, 26480, 26481};
+
+// Bytes of one value of a LIST INFO text we read at most.
+constexpr uint64_t kMaxInfoBytes = 0x100000;
+// Samples decode from one buffer of the whole data chunk, so it must stay under this.
+constexpr uint64_t kMaxDecodeBytes = 0x40000000;
+// The writer builds the image in memory, which bounds the data it accepts.
+constexpr uint64_t kMaxWriteDataBytes = 0x20000000;
+constexpr double kTwoPow32 = 4294967296.0;
+
+template <size_t N>
+bool InList(const uint32_t (&list)[N], uint32_t tag) {
+  return std::find(std::begin(list), std::end(list), tag) != std::end(list);
+}
+
+bool IsPlainTag(uint32_t tag) { return tag == kTagPcm || tag == kTagFloat || tag == kTagALaw || tag == kTagMuLaw; }
+
+struct CueRecord {
+  uint32_t id;
+  uint32_t sampleOffset;
+};
+struct LabelRecord {
+  uint32_t id;
+  std::string text;
+};
+struct RangeRecord {
+  uint32_t id;
+  uint32_t length;
+};
+
+// The state of one parse; see ParseWave.
+struct RiffWaveParser {
+  Waveform* wave = nullptr;
+  RiffCursor cursor;
+  uint32_t formatTag = 0;
+  uint8_t containerBits = 0;
+  uint16_t fileChannels = 0;
+  uint16_t blockAlign = 0;
+  uint64_t skipBytes = 0;
+  bool smplSeen = false;
+  bool dataSeen = false;
+  bool fmtSeen = false;
+  uint64_t headerOffset = 0;
+  uint64_t dataBytes = 0;
+  uint32_t factFrames = 0;
+  uint64_t ds64RiffSize = 0, ds64DataSize = 0, ds64SampleCount = 0;
+  uint32_t ds64TableLength = 0;
+  std::vector<CueRecord> cues;
+  std::vector<LabelRecord> labels;
+  std::vector<RangeRecord> ranges;
+  // AKAI sample trim read from smpl, applied once the length is known.
+  uint32_t akaiStart = 0, akaiEnd = 0;
+};
+
+bool Fail(const char* text) {
+  SetLastError(text);
+  return false;
+}
+
+// --- fmt --------------------------------------------------------------------------------------------
+
+bool ParseFmt(RiffWaveParser& parser, ByteReader body) {
+  Waveform& wave = *parser.wave;
+  wave.bits = 16;
+  wave.dataFormat = 1;
+  wave.length = 0;
+  uint32_t tag = body.U16();
+  parser.fileChannels = body.U16();
+  const uint32_t rate = body.U32();
+  const uint32_t averageBytes = body.U32();
+  parser.blockAlign = body.U16();
+  if (body.Failed()) return Fail("Reading from file failed");
+  wave.sampleRate = rate;
+  wave.channels = uint8_t(parser.fileChannels < 3 ? parser.fileChannels : 2);
+  ByteReader extension = body;  // from wBitsPerSample on
+  const uint16_t bitsPerSample = body.CanRead(2) ? body.U16() : 16;
+  const uint16_t extraBytes = body.CanRead(2) ? body.U16() : 0;
+  ByteReader extra = body.Sub(extraBytes);
+  if (tag == kTagExtensible) {
+    uint8_t guid[16];
+    extension.U16();  // wBitsPerSample, read again below
+    extension.U16();  // cbSize
+    const uint16_t validBits = extension.U16();
+    extension.U32();  // channel mask: unusual masks are not looked at
+    extension.Read(guid, 16);
+    static const uint8_t kGuidTail[12] = {0x00, 0x00, 0x10, 0x00, 0x80, 0x00, 0x00, 0xAA, 0x00, 0x38, 0x9B, 0x71};
+    if (extension.Failed() || guid[2] != 0 || guid[3] != 0 || std::memcmp(guid + 4, kGuidTail, 12) != 0)
+      return Fail("Unsupported 'Extensible' subformat GUID");
+    tag = uint32_t(guid[0] | guid[1] << 8);
+    parser.containerBits = uint8_t(std::min<uint32_t>(bitsPerSample, 255));
+    wave.bits = uint8_t(std::min<uint32_t>(validBits ? validBits : bitsPerSample, 255));
+  } else {
+    wave.bits = uint8_t(std::min<uint32_t>(bitsPerSample, 255));
+  }
+  parser.formatTag = tag;
+  const uint32_t bits = wave.bits;
+  auto storageWord = [&](uint32_t storage) { wave.sourceFormat = 1u << storage; };
+  auto compressedFormat = [&](double kbit) { wave.dataFormat = DataFormatFromRate(kbit); };
+  if (tag == kTagPcm) {
+    wave.dataFormat = bits < 9 ? 0 : bits <= 16 ? 1 : bits <= 24 ? 2 : 3;
+    const uint32_t container = parser.containerBits ? parser.containerBits : bits;
+    const uint32_t bytes = (container + 7) / 8;
+    const bool sameBytes = (bits + 7) / 8 == bytes;
+    if (bits == 0) return Fail("Reading from file failed");
+    if (parser.fileChannels <= 2 && sameBytes && bytes <= 4) {
+      wave.SetPcmSource(bytes * 8, bytes == 1 ? kSourceUnsigned : 0);
+      wave.bits = uint8_t(bits);
+    } else {
+      storageWord(bytes <= 1 ? kStoragePcm8 : bytes == 2 ? kStoragePcm16 : bytes == 3 ? kStoragePcm24 : kStoragePcm32);
+      wave.decoder = &DecodeWaveSamples;
+    }
+    return true;
+  }
+  if (tag == kTagFloat) {
+    if (bits != 32 && bits != 64) return Fail("Unsupported bits/sample for IEEE floating point samples");
+    if (parser.fileChannels <= 2) {
+      wave.SetPcmSourceByFormat(bits == 32 ? kStorageFloat32 : kStorageFloat64, 0);
+    } else {
+      storageWord(bits == 32 ? kStorageFloat32 : kStorageFloat64);
+      wave.decoder = &DecodeWaveSamples;
+    }
+    wave.bits = uint8_t(bits);
+    wave.dataFormat = 4;
+    return true;
+  }
+  if (tag == kTagALaw || tag == 370 || tag == kTagMuLaw || tag == 369) {
+    const bool aLaw = tag == kTagALaw || tag == 370;
+    const uint32_t storage = aLaw ? kStorageALaw : kStorageMuLaw;
+    parser.formatTag = aLaw ? kTagALaw : kTagMuLaw;
+    if (parser.fileChannels <= 2) {
+      wave.SetPcmSourceByFormat(storage, 0);
+    } else {
+      storageWord(storage);
+      wave.decoder = &DecodeWaveSamples;
+    }
+    wave.bits = 8;
+    wave.dataFormat = aLaw ? 6 : 5;
+    return true;
+  }
+  // Compressed kinds: described here, decoded by DecodeWaveSamples.
+  wave.decoder = &DecodeWaveSamples;
+  if (tag == kTagMsAdpcm) {
+    if (bits != 4 || extraBytes < 4) return Fail("Unsupported or invalid MS ADPCM file");
+    wave.dataFormat = 7;
+    storageWord(kStorageAdpcm4);
+  } else if (tag == kTagImaAdpcm) {
+    if (bits < 2 || bits > 4) return Fail("Unsupported or invalid IMA ADPCM file");
+    wave.dataFormat = 7;
+    storageWord(kStorageAdpcm2 + bits - 2);
+  } else if (InList(kG72xTags, tag)) {
+    if (bits < 2 || bits > 5) return Fail("Invalid no bits/sample for CCITT G.721/.723/.726 ADPCM encoding");
+    wave.dataFormat = 7;
+    storageWord(kStorageAdpcm2 + bits - 2);
+  } else if (tag == kTagDialogic) {
+    if (parser.fileChannels != 1) return Fail("Can only handle mono Dialogic ADPCM format");
+    if (bits != 4) return Fail("Unsupported or invalid Dialogic ADPCM file");
+    wave.dataFormat = 7;
+    storageWord(kStorageAdpcm4);
+  } else if (tag == kTagYamaha) {
+    if (parser.fileChannels > 2) return Fail("> 2ch Yamaha ADPCM not supported");
+    if (bits != 4) return Fail("Unsupported bits/sample for Yamaha ADPCM format");
+    wave.dataFormat = 7;
+    storageWord(kStorageAdpcm4);
+  } else if (tag == kTagGsm || tag == kTagUsrGsm || tag == kTagGsmAlt) {
+    if (parser.fileChannels != 1) return Fail("Can only handle (the standard!) mono GSM");
+    wave.bits = 2;
+    wave.dataFormat = kDataFormatDefault;
+    storageWord(kStorageGsm);
+  } else if (tag == kTagRockwell || tag == kTagRockwell2) {
+    if (bits < 2 || bits > 4) return Fail("Unsupported or invalid Rockwell ADPCM file");
+    if (parser.fileChannels != 1) return Fail("Can only handle mono Rockwell ADPCM format");
+    wave.dataFormat = 7;
+    storageWord(kStorageAdpcm2 + bits - 2);
+  } else if (tag == kTagMpeg) {
+    extra.U16();  // layer
+    const uint32_t headBitRate = extra.U32();
+    const uint16_t mode = extra.U16();
+    if ((mode & 8) && (mode & 7)) return Fail("Can't handle mixed channel mode MPEG streams");
+    wave.bits = 1;
+    compressedFormat(headBitRate < 8000 ? 128.0 : headBitRate / 1000.0);
+    storageWord(kStorageCompressed);
+  } else if (tag == kTagMp3) {
+    extra.U16();  // wID
+    extra.U32();  // fdwFlags
+    const uint16_t blockSize = extra.U16();
+    wave.bits = 1;
+    const double perFrame = 144000.0 / (rate < 28000 ? 2 : 1);
+    compressedFormat(double(blockSize) * rate / perFrame);
+    storageWord(kStorageCompressed);
+  } else if (tag == kTagG722) {
+    wave.bits = 4;
+    wave.dataFormat = 7;
+    storageWord(kStorageAdpcm4);
+  } else if (InList(kAacTags, tag) || InList(kVorbisTags, tag)) {
+    wave.bits = 1;
+    compressedFormat(averageBytes * 8.0 / 1000.0);
+    storageWord(kStorageCompressed);
+  } else {
+    return Fail("Unsupported compression type");
+  }
+  if (wave.bits == 0) return Fail("Reading from file failed");
+  return true;
+}
+
+// --- smpl, inst, wsmp, mesa -------------------------------------------------------------------------
+
+void ParseSmpl(RiffWaveParser& parser, ByteReader body) {
+  Waveform& wave = *parser.wave;
+  const uint32_t manufacturer = body.U32();
+  const uint32_t product = body.U32();
+  body.U32();  // sample period
+  const uint32_t unityNote = body.U32();
+  const uint32_t pitchFraction = body.U32();
+  body.U32();  // SMPTE format
+  body.U32();  // SMPTE offset
+  const uint32_t loopCount = body.U32();
+  const uint32_t samplerBytes = body.U32();
+  if (body.Failed()) return;
+  parser.smplSeen = true;
+  bool haveLoop = false;
+  uint32_t loopType = 0, loopStart = 0, loopEnd = 0, loopFraction = 0;
+  if (loopCount >= 1) {
+    body.U32();  // cue id
+    loopType = body.U32();
+    loopStart = body.U32();
+    loopEnd = body.U32();
+    loopFraction = body.U32();
+    body.U32();  // play count
+    haveLoop = body.Ok();
+    // Further loops are skipped; the model holds one.
+    body.Skip(std::min<uint64_t>(uint64_t(loopCount - 1) * 24, body.Remaining()));
+  }
+  bool cwdt = false;
+  if (samplerBytes == 28 && body.CanRead(28)) {
+    ByteReader extra = body.Sub(28);
+    if (extra.U32() == FourCC("CWDT")) {
+      cwdt = true;
+      wave.loop.tune = float(extra.I8()) * 0.01f;
+    }
+  }
+  if (unityNote < 128) wave.rootKey = uint8_t(unityNote);
+  if (wave.rootKey == 0) {
+    // Some writers store the note big-endian.
+    const uint32_t swapped = __builtin_bswap32(unityNote);
+    if (swapped >= 1 && swapped <= 127) wave.rootKey = uint8_t(swapped);
+  }
+  wave.fineTune = int8_t(-RoundSampler(double(pitchFraction) * 100.0 / kTwoPow32));
+  if (haveLoop) {
+    if (cwdt && loopEnd > 0) --loopEnd;
+    wave.loop.start = float(loopStart);
+    wave.loop.end = float(double(loopEnd) + 1.0 + loopFraction / kTwoPow32);
+    wave.loop.type = loopType == 1 ? 3 : loopType == 2 ? 2 : loopType == 255 ? 0 : 1;
+  }
+  // AKAI MPC sampler block: its own root, tune, loop mode and a trim of the sample.
+  if ((manufacturer & 0xFFFFFF) == 71 && product == 94 && samplerBytes == 18) {
+    uint8_t block[18];
+    if (!body.Read(block, 18)) return;
+    if (std::memcmp(block, "loop", 4) == 0) {
+      body.Skip(6);
+      if (!body.Read(block, 18)) return;
+    }
+    if (block[0] < 3 && block[1] == 0) {
+      wave.rootKey = uint8_t(std::clamp(int(block[2]) - int(int8_t(block[3])), 0, 127));
+      wave.fineTune = int8_t(block[4]);
+      switch (block[6]) {
+        case 0: case 1: wave.loop.type = 0; break;
+        case 2: wave.loop.type = 1; break;
+        case 3: wave.loop.type = 1; wave.loop.release = 1; break;
+        default: break;
+      }
+      parser.akaiStart = uint32_t(block[10] | block[11] << 8 | block[12] << 16 | uint32_t(block[13]) << 24);
+      parser.akaiEnd = uint32_t(block[14] | block[15] << 8 | block[16] << 16 | uint32_t(block[17]) << 24);
+    }
+  }
+}
+
+void ParseInst(RiffWaveParser& parser, ByteReader body) {
+  Waveform& wave = *parser.wave;
+  const uint8_t note = body.U8();
+  const int8_t tune = body.I8();
+  const int8_t gain = body.I8();
+  if (body.Failed()) return;
+  if (wave.rootKey == 60 && wave.fineTune == 0) {
+    if (note < 128) wave.rootKey = note;
+    wave.fineTune = tune;
+  }
+  wave.gain = float(gain);
+}
+
+// The DLS wave-sample record: unity note, fine tune, attenuation and one loop.
+void ParseWsmp(RiffWaveParser& parser, ByteReader body) {
+  Waveform& wave = *parser.wave;
+  const uint32_t headBytes = body.U32();
+  const uint16_t unityNote = body.U16();
+  const int16_t fineTune = body.I16();
+  const int32_t gain = body.I32();  // 1/655360 dB
+  body.U32();                       // options
+  const uint32_t loops = body.U32();
+  if (body.Failed()) return;
+  if (unityNote < 128) wave.rootKey = uint8_t(unityNote);
+  wave.fineTune = int8_t(std::clamp<int>(fineTune, -128, 127));
+  wave.gain = float(gain / 655360.0);
+  if (loops >= 1 && headBytes >= 20 && body.Seek(headBytes)) {
+    body.U32();  // record size
+    const uint32_t type = body.U32();
+    const uint32_t start = body.U32();
+    const uint32_t length = body.U32();
+    if (body.Ok() && length > 0) {
+      wave.loop.type = 1;
+      wave.loop.release = type == 1 ? 1 : 0;  // loop-and-release
+      wave.loop.start = float(start);
+      wave.loop.end = float(uint64_t(start) + length);
+    }
+  }
+}
+
+// An AKAI S1000-family sample header carried in a wave.
+void ParseMesa(RiffWaveParser& parser, ByteReader body) {
+  uint8_t header[141];
+  if (!body.Read(header, sizeof header)) return;
+  Waveform& wave = *parser.wave;
+  std::string name;
+  for (int i = 0; i < 12; ++i) {
+    const uint8_t code = header[3 + i];
+    if (code <= 9) name += char('0' + code);
+    else if (code == 10) name += ' ';
+    else if (code <= 36) name += char('A' + code - 11);
+    else if (code == 38) name += '+';
+    else if (code == 39) name += '-';
+    else if (code == 40) name += '.';
+    else name += '_';
+  }
+  wave.SetName(name);
+  auto u16 = [&](int at) { return uint32_t(header[at] | header[at + 1] << 8); };
+  auto u32 = [&](int at) { return u16(at) | u16(at + 2) << 16; };
+  wave.rootKey = uint8_t(std::clamp(int(header[2]) - int(int8_t(header[21])), 0, 127));
+  wave.fineTune = int8_t(header[20]);
+  if (header[16] > 0) {
+    wave.loop.type = 1;
+    wave.loop.start = float(u32(38));
+    wave.loop.end = float(double(u32(38)) + u32(44) + u16(42) / 65536.0);
+    wave.loop.release = header[19] == 1 ? 1 : 0;
+  }
+  if (u16(138)) wave.sampleRate = u16(138);
+  wave.loop.tune = float(int8_t(header[140])) * 0.01f;
+}
+
+// --- LIST, cue --------------------------------------------------------------------------------------
+
+std::string InfoText(std::string_view bytes) {
+  const size_t end = bytes.find('\0');
+  return NarrowToUtf8(bytes.substr(0, end));
+}
+
+void ParseList(RiffWaveParser& parser, ByteReader body) {
+  const uint32_t kind = body.U32();
+  uint32_t records = 0;
+  while (body.CanRead(8) && ++records < kMaxChunks) {
+    const uint32_t id = body.U32();
+    const uint32_t size = body.U32();
+    ByteReader record = body.Sub(size);
+    body.Skip(std::min<size_t>(size & 1, body.Remaining()));
+    if (kind == FourCC("INFO")) {
+      if (size == 0) continue;
+      for (const InfoTag& tag : kInfoTags)
+        if (tag.chunkId == id) {
+          const std::string text = InfoText(record.Text(std::min<size_t>(record.Remaining(), kMaxInfoBytes)));
+          if (!text.empty()) parser.wave->SetText(tag.slot, text);
+          break;
+        }
+    } else if (kind == FourCC("adtl")) {
+      if (id == FourCC("labl") && size >= 4) {
+        const uint32_t cueId = record.U32();
+        parser.labels.push_back({cueId, InfoText(record.Text(record.Remaining()))});
+      } else if (id == FourCC("ltxt") && size >= 20) {
+        const uint32_t cueId = record.U32();
+        parser.ranges.push_back({cueId, record.U32()});
+      }
+    }
+  }
+}
+
+void ParseCue(RiffWaveParser& parser, ByteReader body) {
+  const uint32_t count = body.U32();
+  if (body.Failed() || uint64_t(count) * 24 > body.Remaining()) return;  // a short list is dropped whole
+  for (uint32_t i = 0; i < count; ++i) {
+    const uint32_t id = body.U32();
+    body.Skip(16);  // position, "data", chunk start, block start
+    parser.cues.push_back({id, body.U32()});
+  }
+}
+
+// After the walk: cue records become loop points or markers.
+void MergeCues(RiffWaveParser& parser) {
+  Waveform& wave = *parser.wave;
+  bool mayLoop = !parser.smplSeen && wave.loop.type == 0;
+  for (const CueRecord& cue : parser.cues) {
+    const std::string* text = nullptr;
+    for (const LabelRecord& label : parser.labels)
+      if (label.id == cue.id) {
+        text = &label.text;
+        break;
+      }
+    uint32_t rangeLength = 0;
+    for (const RangeRecord& range : parser.ranges)
+      if (range.id == cue.id) {
+        rangeLength = range.length;
+        break;
+      }
+    if (text && *text == "Loop Range") {
+      if (mayLoop && rangeLength) {
+        wave.loop.type = 1;
+        wave.loop.start = float(cue.sampleOffset);
+        wave.loop.end = float(uint64_t(cue.sampleOffset) + rangeLength);
+        mayLoop = false;
+      }
+      continue;
+    }
+    if (text && *text == "Loop Start") {
+      if (mayLoop) wave.loop.start = float(cue.sampleOffset);
+      continue;
+    }
+    if (text && *text == "Loop End") {
+      if (mayLoop) wave.loop.end = float(cue.sampleOffset);
+      continue;
+    }
+    if (wave.markers.size() >= kMaxMarkers) continue;
+    Marker marker;
+    marker.section = rangeLength ? 1 : 0;
+    marker.start = cue.sampleOffset;
+    marker.end = uint32_t(std::min<uint64_t>(uint64_t(cue.sampleOffset) + rangeLength, 0xFFFFFFFF));
+    if (text) marker.name = *text;
+    marker.id = NextMarkerId();
+    wave.markers.push_back(std::move(marker));
+  }
+  std::stable_sort(wave.markers.begin(), wave.markers.end(),
+                   [](const Marker& a, const Marker& b) { return a.start < b.start; });
+}
+
+// The length in frames, from fact or from the data size.
+void SettleLength(RiffWaveParser& parser) {
+  Waveform& wave = *parser.wave;
+  const uint32_t tag = parser.formatTag;
+  const uint64_t channels = std::max<uint32_t>(parser.fileChannels, 1);
+  const uint32_t bitsForSize = parser.containerBits ? parser.containerBits : std::max<uint32_t>(wave.bits, 1);
+  auto clamp32 = [](uint64_t frames) { return uint32_t(std::min<uint64_t>(frames, 0xFFFFFFFF)); };
+  if (parser.factFrames) {
+    wave.length = parser.factFrames;
+    if (IsPlainTag(tag)) {
+      const uint64_t bytesPerFrame = channels * ((bitsForSize + 7) / 8);
+      wave.length = clamp32(std::min<uint64_t>(wave.length, parser.dataBytes / bytesPerFrame));
+    }
+  } else if (parser.containerBits) {
+    wave.length = clamp32(parser.dataBytes * 8 / (uint64_t(parser.containerBits) * channels));
+  } else if (wave.bits == 1 && wave.dataFormat >= 8 && wave.dataFormat <= 20) {
+    wave.length = clamp32(uint64_t(std::llround(double(parser.dataBytes) * 8.0 * wave.sampleRate /
+                                                (DataFormatRate(wave.dataFormat) * 1000.0))));
+  } else if (tag == kTagUsrGsmRecords) {
+    wave.length = clamp32(parser.dataBytes / 38 * 160);
+  } else {
+    double bitsPerSample = std::max<uint32_t>(wave.bits, 1);
+    if (tag == kTagPcm) bitsPerSample = double((wave.bits + 7) / 8 * 8);
+    if (tag == kTagGsm || tag == kTagGsmAlt) bitsPerSample = 1.625;  // 65 bytes per 320 samples
+    wave.length = clamp32(uint64_t(std::llround(double(parser.dataBytes) * 8.0 / (double(channels) * bitsPerSample))));
+  }
+  if (parser.akaiEnd > parser.akaiStart && parser.akaiEnd - parser.akaiStart < wave.length) {
+    parser.skipBytes = uint64_t(parser.akaiStart) * ((uint64_t(wave.bits) * channels + 7) / 8);
+    wave.length = parser.akaiEnd - parser.akaiStart;
+  }
+}
+
+bool ParseWave(Waveform& wave, FileObject& file, uint64_t start, uint64_t end) {
+  RiffWaveParser parser;
+  parser.wave = &wave;
+  RiffCursor& cursor = parser.cursor;
+  if (!cursor.Open(file, start, end)) return Fail("Not a RIFF-WAVE file");
+  const bool riffWave = (cursor.tag == FourCC("RIFF") || cursor.tag == FourCC("RF64") || cursor.tag == FourCC("SDSS")) &&
+                        cursor.form == FourCC("WAVE");
+  const bool nestedWave = cursor.tag == FourCC("LIST") && cursor.form == FourCC("wave");
+  if (!riffWave && !nestedWave) return Fail("Not a RIFF-WAVE file");
+  std::vector<uint8_t> body;
+  while (cursor.Step()) {
+    const uint32_t id = cursor.id;
+    if (id == FourCC("data")) {
+      if (parser.dataSeen) continue;
+      parser.dataSeen = true;
+      wave.sourceOffset = cursor.position;
+      parser.dataBytes = cursor.chunkSize;
+      if (cursor.rawSize == 0xFFFFFFFF && parser.ds64DataSize)
+        parser.dataBytes = std::min(parser.ds64DataSize, cursor.limit - cursor.position);
+      // RF64 data reaches past 4 GiB: the next head is behind the ds64 size, not the 32-bit one.
+      if (cursor.rawSize == 0xFFFFFFFF) cursor.next = cursor.position + parser.dataBytes + (parser.dataBytes & 1);
+      continue;
+    }
+    if (id == FourCC("atem")) {
+      // Trailing data of unknown kind follows: whatever the RIFF size said, walk to the file's end.
+      const int64_t fileSize = file.Size();
+      if (fileSize > 0) cursor.limit = std::max(cursor.limit, std::min<uint64_t>(end, uint64_t(fileSize)));
+      continue;
+    }
+    const bool wanted = id == FourCC("ds64") || id == FourCC("fmt ") || id == FourCC("fact") || id == FourCC("LIST") ||
+                        id == FourCC("cue ") || id == FourCC("smpl") || id == FourCC("inst") ||
+                        id == FourCC("wsmp") || id == FourCC("mesa");
+    if (!wanted || (id == FourCC("fmt ") && parser.fmtSeen) || (id == FourCC("smpl") && parser.smplSeen)) continue;
+    const uint64_t headerAt = cursor.position;
+    if (!cursor.ReadBody(body, id == FourCC("LIST") ? UINT64_MAX >> 1 : 1u << 20)) break;
+    ByteReader reader(body);
+    if (id == FourCC("ds64")) {
+      if (body.size() < 28) continue;
+      parser.ds64RiffSize = reader.U64();
+      parser.ds64DataSize = reader.U64();
+      parser.ds64SampleCount = reader.U64();
+      parser.ds64TableLength = reader.U32();
+      if (cursor.headSize == 0xFFFFFFFF && parser.ds64RiffSize)
+        cursor.limit = std::min(end, cursor.bodyStart + 8 + parser.ds64RiffSize);
+    } else if (id == FourCC("fmt ")) {
+      parser.fmtSeen = true;
+      parser.headerOffset = headerAt;
+      if (!ParseFmt(parser, reader)) return false;
+    } else if (id == FourCC("fact")) {
+      const uint32_t count = reader.U32();
+      if (reader.Ok() && count) parser.factFrames = count;
+    } else if (id == FourCC("LIST")) {
+      ParseList(parser, reader);
+    } else if (id == FourCC("cue ")) {
+      ParseCue(parser, reader);
+    } else if (id == FourCC("smpl")) {
+      ParseSmpl(parser, reader);
+    } else if (id == FourCC("inst")) {
+      if (body.size() >= 7) ParseInst(parser, reader);
+    } else if (id == FourCC("wsmp")) {
+      ParseWsmp(parser, reader);
+    } else if (id == FourCC("mesa")) {
+      ParseMesa(parser, reader);
+    }
+  }
+  if (!parser.dataSeen || !parser.fmtSeen) return Fail("No wave data found!");
+  SettleLength(parser);
+  wave.sourceOffset += parser.skipBytes;
+  // The format record is found again through this offset by DecodeWaveSamples.
+  wave.sourceOffsetB = parser.headerOffset;
+  MergeCues(parser);
+  return true;
+}
+
+// --- decoding ---------------------------------------------------------------------------------------
+
+}  // namespace
+
+const char* WaveTagName(uint32_t tag) {
+  if (InList(kG72xTags, tag)) return "CCITT G.72x ADPCM";
+  if (InList(kAacTags, tag)) return "AAC";
+  if (InList(kVorbisTags, tag)) return "Ogg Vorbis";
+  switch (tag) {
+    case kTagPcm: return "PCM";
+    case kTagMsAdpcm: return "MS ADPCM";
+    case kTagFloat: return "IEEE float";
+    case kTagALaw: case 370: return "A-law";
+    case kTagMuLaw: case 369: return "Mu-law";
+    case kTagImaAdpcm: return "IMA ADPCM";
+    case kTagDialogic: return "Dialogic ADPCM";
+    case kTagYamaha: return "Yamaha ADPCM";
+    case kTagGsm: case kTagUsrGsm: case kTagGsmAlt: return "GSM 6.10";
+    case kTagRockwell: case kTagRockwell2: return "Rockwell ADPCM";
+    case kTagMpeg: return "MPEG audio";
+    case kTagMp3: return "MP3";
+    case kTagG722: return "G.722";
+    default: return "";
+  }
+}
+
+bool DecodeWaveSamples(Waveform* wave, FileObject* file) {
+  if (!file->IsOpen()) return Fail("Reading from file failed");
+  uint8_t head[40] = {};
+  if (!file->ReadAt(wave->sourceOffsetB, head, 16)) return Fail("Reading from file failed");
+  ByteReader format(head, sizeof head);
+  uint32_t tag = format.U16();
+  const uint32_t channels = format.U16();
+  format.U32();
+  format.U32();
+  const uint32_t blockAlign = format.U16();
+  uint32_t bits = format.U16();
+  if (tag == kTagExtensible) {
+    if (!file->ReadAt(wave->sourceOffsetB + 16, head + 16, 24)) return Fail("Reading from file failed");
+    tag = uint32_t(head[24] | head[25] << 8);
+  }
+  if (!IsPlainTag(tag) && tag != 370 && tag != 369) {
+    const std::string name = WaveTagName(tag);
+    SetLastError("No built-in decoder for " + (name.empty() ? std::string("this") : name) + " data");
+    return false;
+  }
+  if (wave->length == 0) return Fail("Zero length");
+  if (channels == 0) return Fail("No channels");
+  const uint32_t bytesPerSample = std::max<uint32_t>((bits + 7) / 8, 1);
+  const uint64_t frameBytes = std::max<uint64_t>(blockAlign, uint64_t(bytesPerSample) * channels);
+  const uint64_t total = frameBytes * wave->length;
+  if (total >= kMaxDecodeBytes) return Fail("Wave is too big!");
+  std::vector<uint8_t> bytes;
+  try {
+    bytes.resize(size_t(total));
+  } catch (const std::bad_alloc&) {
+    return Fail("Out of memory");
+  }
+  if (!file->ReadAt(wave->sourceOffset, bytes.data(), bytes.size())) return Fail("Reading from file failed");
+  // Samples wider than four bytes keep their top four; the first two channels of each frame are kept.
+  const uint32_t keptBytes = std::min<uint32_t>(bytesPerSample, tag == kTagFloat && bytesPerSample == 8 ? 8 : 4);
+  const uint32_t keptChannels = std::min<uint32_t>(channels, 2);
+  wave->channels = uint8_t(keptChannels);
+  uint32_t storage;
+  uint32_t flags = 0;
+  if (tag == kTagFloat) storage = keptBytes == 8 ? kStorageFloat64 : kStorageFloat32;
+  else if (tag == kTagALaw || tag == 370) storage = kStorageALaw;
+  else if (tag == kTagMuLaw || tag == 369) storage = kStorageMuLaw;
+  else {
+    storage = keptBytes == 1 ? kStoragePcm8 : keptBytes == 2 ? kStoragePcm16 : keptBytes == 3 ? kStoragePcm24 : kStoragePcm32;
+    if (keptBytes == 1) flags = kSourceUnsigned;
+  }
+  // Pack the kept samples together in place: each frame shrinks, so writes never overtake reads.
+  size_t packed = 0;
+  const uint32_t skipLow = bytesPerSample - keptBytes;
+  for (uint64_t frame = 0; frame < wave->length; ++frame) {
+    const uint8_t* from = bytes.data() + frame * frameBytes;
+    for (uint32_t c = 0; c < keptChannels; ++c) {
+      std::memmove(bytes.data() + packed, from + c * bytesPerSample + skipLow, keptBytes);
+      packed += keptBytes;
+    }
+  }
+  if (!wave->AllocSamples()) return Fail("Out of memory");
+  DecodeSampleBlock(storage, flags, bytes.data(), size_t(wave->length) * keptChannels, wave->Data()->samples);
+  return true;
+}
+
+// --- detection and reading --------------------------------------------------------------------------
+
+namespace {
+
+bool HasWaveSignature(const uint8_t* head, uint32_t headBytes) {
+  return headBytes >= 12 && (std::memcmp(head, "RIFF", 4) == 0 || std::memcmp(head, "RF64", 4) == 0) &&
+         std::memcmp(head + 8, "WAVE", 4) == 0;
+}
+
+std::string StemOf(const std::string& path) { return std::filesystem::path(path).stem().string(); }
+
+}  // namespace
+
+int32_t DetectWav(const uint8_t* head, uint32_t, uint32_t headBytes, uint64_t) {
+  return HasWaveSignature(head, headBytes) ? 6 : 0;
+}
+
+int32_t DetectBroadcastWav(const uint8_t* head, uint32_t, uint32_t headBytes, uint64_t) {
+  if (!HasWaveSignature(head, headBytes)) return 0;
+  uint64_t at = 12;
+  for (int chunk = 0; chunk < 4 && at + 8 <= headBytes; ++chunk) {
+    if (std::memcmp(head + at, "bext", 4) == 0) return 6;
+    if (std::memcmp(head + at, "data", 4) == 0) return 2;
+    const uint32_t size = uint32_t(head[at + 4] | head[at + 5] << 8 | head[at + 6] << 16 | uint32_t(head[at + 7]) << 24);
+    at += 8 + uint64_t(size) + (size & 1);
+  }
+  return 2;
+}
+
+int32_t DetectRockwellRif(const uint8_t* head, uint32_t, uint32_t headBytes, uint64_t) {
+  return HasWaveSignature(head, headBytes) && headBytes >= 22 && head[20] == 0 && head[21] == 3 ? 6 : 0;
+}
+
+int32_t DetectSmartSoundSds(const uint8_t* head, uint32_t, uint32_t headBytes, uint64_t) {
+  return headBytes >= 12 && std::memcmp(head, "SDSS", 4) == 0 && std::memcmp(head + 8, "WAVE", 4) == 0 ? 4 : 0;
+}
+
+bool ParseEmbeddedWave(Waveform& wave, FileObject& file, uint64_t startOffset, uint64_t endOffset) {
+  return ParseWave(wave, file, startOffset, endOffset);
+}
+
+Waveform* ReadEmbeddedWave(Collection* collection, FileObject& file, uint64_t startOffset, uint64_t endOffset,
+                           std::string_view name) {
+  auto* wave = new Waveform(collection);
+  wave->SetName(name);
+  if (!ParseWave(*wave, file, startOffset, endOffset)) {
+    delete wave;
+    return nullptr;
+  }
+  return wave;
+}
+
+bool ReadWav(Collection* collection, FileObject* file, uint32_t) {
+  const int64_t size = file->Size();
+  if (size <= 0) return Fail("Not a RIFF-WAVE file");
+  auto* wave = new Waveform(collection);
+  wave->SetName(StemOf(file->Path()));
+  if (!ParseWave(*wave, *file, 0, uint64_t(size))) {
+    delete wave;
+    return false;
+  }
+  return true;
+}
+
+// --- writing ----------------------------------------------------------------------------------------
+
+namespace {
+
+struct FmtChoice {
+  uint16_t tag;
+  uint16_t bitsPerSample;
+  uint32_t flags;  // source-word flags for the sample writer
+};
+
+bool ChooseFmt(uint32_t storage, FmtChoice& out) {
+  switch (storage) {
+    case kStoragePcm8: out = {kTagPcm, 8, kSourceUnsigned}; return true;
+    case kStoragePcm16: out = {kTagPcm, 16, 0}; return true;
+    case kStoragePcm24: out = {kTagPcm, 24, 0}; return true;
+    case kStoragePcm32: out = {kTagPcm, 32, 0}; return true;
+    case kStorageFloat32: out = {kTagFloat, 32, 0}; return true;
+    case kStorageMuLaw: out = {kTagMuLaw, 8, 0}; return true;
+    case kStorageALaw: out = {kTagALaw, 8, 0}; return true;
+    default: return false;  // GSM, low-bit ADPCM and MP3 need encoders this writer does not have
+  }
+}
+
+std::vector<uint8_t> SmplBody(const Waveform& wave, uint32_t variant) {
+  const bool cwdt = variant == kWaveVariantCwdt;
+  const bool haveLoop = wave.loop.type != 0;
+  ByteWriter body;
+  body.U32(0);  // manufacturer
+  body.U32(0);  // product
+  body.U32(cwdt || wave.sampleRate == 0 ? 0 : uint32_t(RoundSampler(1e9 / wave.sampleRate)));
+  // smpl has no positive fine tune: a positive one is written a note lower.
+  int unity = wave.rootKey;
+  int fine = wave.fineTune;
+  if (fine > 0) {
+    if (unity == 0) fine = 0;
+    else {
+      --unity;
+      fine -= 100;
+    }
+  }
+  body.U32(uint32_t(unity));
+  body.U32(uint32_t(RoundSampler(-fine * 42949672.96)));
+  body.U32(0);  // SMPTE format
+  body.U32(0);  // SMPTE offset
+  body.U32(haveLoop || cwdt ? 1 : 0);
+  body.U32(cwdt ? 28 : 0);
+  if (haveLoop || cwdt) {
+    const double start = std::floor(double(wave.loop.start) + 0.5);
+    const double length = double(wave.loop.end) - double(wave.loop.start);
+    const double roundedLength = std::floor(length + 0.5);
+    double end = start + roundedLength - 1;
+    double fraction = (length - roundedLength) * kTwoPow32;
+    if (fraction < 0) {
+      fraction += kTwoPow32;
+      end -= 1;
+    }
+    if (cwdt && haveLoop) end += 1;
+    body.U32(0);  // cue id
+    const uint32_t type = !haveLoop ? 255 : wave.loop.type == 3 ? 1 : wave.loop.type == 2 ? 2 : 0;
+    body.U32(type);
+    body.U32(haveLoop ? uint32_t(std::max(start, 0.0)) : 0);
+    body.U32(haveLoop ? uint32_t(std::max(end, 0.0)) : 0);
+    body.U32(haveLoop ? uint32_t(std::min(fraction, kTwoPow32 - 1)) : 0);
+    body.U32(0);  // play count: for ever
+  }
+  if (cwdt) {
+    body.U32(FourCC("CWDT"));
+    body.U8(uint8_t(int8_t(std::clamp<int64_t>(RoundSampler(wave.loop.tune * 100.0), -50, 50))));
+    body.U16(0xDA1B);
+    body.U8(8);
+    body.U32(haveLoop ? wave.loop.release : 2);
+    body.U32(0);
+    body.U32(wave.length);
+    body.U32(0);
+    body.U32(wave.rootKey);
+  }
+  return std::move(body.Bytes());
+}
+
+void WriteSmpl(RiffWriter& riff, const Waveform& wave, uint32_t variant) {
+  const std::vector<uint8_t> body = SmplBody(wave, variant);
+  riff.Chunk(FourCC("smpl"), body.data(), body.size());
+}
+
+void WriteInfoList(RiffWriter& riff, const Waveform& wave, uint32_t variant) {
+  static const struct {
+    uint32_t id;
+    ParamId slot;
+  } kWriteOrder[] = {{FourCC("INAM"), kTextName},        {FourCC("IART"), kTextArtist},
+                     {FourCC("ICMT"), kTextComments},    {FourCC("ICOP"), kTextCopyright},
+                     {FourCC("IENG"), kTextEngineer},    {FourCC("IPRD"), kTextProduct}};
+  const size_t list = riff.Open(FourCC("LIST"));
+  riff.Body().U32(FourCC("INFO"));
+  const size_t empty = riff.Body().Size();
+  for (const auto& entry : kWriteOrder) {
+    const std::string text = Utf8ToNarrow(wave.GetText(entry.slot));
+    if (!text.empty()) {
+      std::string bytes = text;
+      bytes.push_back('\0');
+      riff.Chunk(entry.id, bytes.data(), bytes.size());
+    }
+    // The name row always runs, so the software tag is written even for a wave without a name.
+    if (entry.slot == kTextName && variant != kWaveVariantCwdt) {
+      char software[20] = {};
+      std::memcpy(software, kSoftwareTag, sizeof kSoftwareTag - 1);
+      riff.Chunk(FourCC("ISFT"), software, sizeof software);
+    }
+  }
+  if (riff.Body().Size() == empty) riff.Bytes().resize(list);  // nothing to hold: no LIST
+  else riff.Close(list);
+  riff.UpdateOuterSize();
+}
+
+void WriteMarkers(RiffWriter& riff, const Waveform& wave) {
+  ByteWriter cue;
+  cue.U32(uint32_t(wave.markers.size()));
+  for (size_t i = 0; i < wave.markers.size(); ++i) {
+    cue.U32(uint32_t(i));  // id
+    cue.U32(uint32_t(i));  // position
+    cue.U32(FourCC("data"));
+    cue.U32(0);  // chunk start
+    cue.U32(0);  // block start
+    cue.U32(wave.markers[i].start);
+  }
+  riff.Chunk(FourCC("cue "), cue.Bytes().data(), cue.Size());
+  const size_t list = riff.Open(FourCC("LIST"));
+  riff.Body().U32(FourCC("adtl"));
+  for (size_t i = 0; i < wave.markers.size(); ++i) {
+    const Marker& marker = wave.markers[i];
+    if (!marker.name.empty()) {
+      ByteWriter label;
+      label.U32(uint32_t(i));
+      std::string text = Utf8ToNarrow(marker.name).substr(0, 254);
+      label.Append(text);
+      label.U8(0);
+      riff.Chunk(FourCC("labl"), label.Bytes().data(), label.Size());
+    }
+    if (marker.section) {
+      ByteWriter range;
+      range.U32(uint32_t(i));
+      range.U32(marker.end > marker.start ? marker.end - marker.start : 0);
+      range.U32(FourCC("rgn "));
+      range.U16(0);  // country
+      range.U16(0);  // language
+      range.U16(0);  // dialect
+      range.U16(0);  // code page
+      riff.Chunk(FourCC("ltxt"), range.Bytes().data(), range.Size());
+    }
+  }
+  riff.Close(list);
+}
+
+void WriteInst(RiffWriter& riff, const Waveform& wave) {
+  const uint8_t inst[7] = {wave.rootKey, uint8_t(wave.fineTune),
+                           uint8_t(int8_t(std::clamp<long>(std::lround(wave.gain), -64, 64))), 0, 127, 1, 127};
+  riff.Chunk(FourCC("inst"), inst, sizeof inst);
+}
+
+}  // namespace
+
+std::vector<uint8_t> SamplerChunkBody(const Waveform& wave) { return SmplBody(wave, 0); }
+
+void ReadSamplerChunk(Waveform& wave, const uint8_t* body, size_t size) {
+  RiffWaveParser parser;
+  parser.wave = &wave;
+  ParseSmpl(parser, ByteReader(body, size));
+}
+
+bool WriteWaveToMemory(Waveform& wave, std::vector<uint8_t>& out, const WaveWriteParams& params) {
+  if (wave.Type() != ItemType::Waveform) return Fail("The file format can not save this item");
+  SaveOptions options;
+  options.caps = params.caps;
+  // A row without a storage list takes everything this writer holds.
+  if (!(options.caps & kCapsStorageMask)) options.caps |= kWaveWritableStorage;
+  if (!(options.caps & kCapsChannelMask)) options.caps |= kCapsChannelMask;
+  options.variant = params.variant;
+  options.rate = params.rate;
+  double rate = 0.0;
+  const uint32_t storage = ChooseSaveFormat(wave, options, rate);
+  const uint32_t channels = ChooseChannels(wave, options);
+  FmtChoice fmt{};
+  if (!ChooseFmt(storage, fmt)) return Fail("Unsupported subformat");
+  const bool extensible = params.variant == kWaveVariantExtensible;
+  const bool bare = params.variant == kWaveVariantBare;
+  if (extensible && fmt.tag != kTagPcm && fmt.tag != kTagFloat) return Fail("Unsupported subformat");
+  if (!wave.GetSamplesForRead() && wave.length) return false;
+  const uint32_t frames = wave.Data() ? wave.Data()->frames : 0;
+  const uint32_t bytesPerSample = fmt.bitsPerSample / 8;
+  const uint64_t dataBytes = uint64_t(frames) * channels * bytesPerSample;
+  if (dataBytes > kMaxWriteDataBytes) return Fail("Wave too big - use 64-bit version!");
+
+  RiffWriter riff;
+  riff.Begin(FourCC("RIFF"), FourCC("WAVE"));
+  ByteWriter format;
+  const uint16_t blockAlign = uint16_t(bytesPerSample * channels);
+  format.U16(extensible ? kTagExtensible : fmt.tag);
+  format.U16(uint16_t(channels));
+  format.U32(wave.sampleRate);
+  format.U32(blockAlign * wave.sampleRate);
+  format.U16(blockAlign);
+  format.U16(fmt.bitsPerSample);
+  if (extensible) {
+    format.U16(22);  // cbSize
+    format.U16(fmt.bitsPerSample);
+    format.U32(channels == 1 ? 4 : 3);  // front centre, or front left and right
+    static const uint8_t kGuidTail[14] = {0x00, 0x00, 0x00, 0x00, 0x10, 0x00, 0x80, 0x00, 0x00, 0xAA, 0x00, 0x38, 0x9B, 0x71};
+    format.U16(fmt.tag);
+    format.Append(kGuidTail, sizeof kGuidTail);
+  } else if (fmt.tag == kTagALaw || fmt.tag == kTagMuLaw) {
+    format.U16(0);  // cbSize
+  }
+  riff.Chunk(FourCC("fmt "), format.Bytes().data(), format.Size());
+  if (fmt.tag != kTagPcm || extensible) {
+    ByteWriter fact;
+    fact.U32(frames);
+    riff.Chunk(FourCC("fact"), fact.Bytes().data(), fact.Size());
+  }
+  if (bare) WriteSmpl(riff, wave, params.variant);
+  const size_t data = riff.Open(FourCC("data"));
+  if (!AppendSamples(riff.Bytes(), wave, storage, channels, fmt.flags)) return false;
+  // Silence for unsigned 8-bit samples is 0x80, so the pad byte is too.
+  riff.Close(data, storage == kStoragePcm8 ? 0x80 : 0);
+  if (!bare) {
+    WriteInfoList(riff, wave, params.variant);
+    if (!wave.markers.empty()) WriteMarkers(riff, wave);
+    // Gain has no place in smpl; inst carries it, and agrees with smpl on root and tune.
+    if (wave.gain != 0.0f) WriteInst(riff, wave);
+    WriteSmpl(riff, wave, params.variant);
+  }
+  out = std::move(riff.Bytes());
+  return true;
+}
+
+bool WriteWav(Item* item, FileObject* file, const SaveOptions* options) {
+  if (!item || item->Type() != ItemType::Waveform) return Fail("The file format can not save this item");
+  std::vector<uint8_t> image;
+  WaveWriteParams params{options->caps, options->variant, options->rate};
+  if (!WriteWaveToMemory(*static_cast<Waveform*>(item), image, params)) return false;
+  if (!file->Write(image.data(), image.size())) return Fail("Writing to file failed");
+  return true;
+}
+
+}  // namespace orlin

@@ -1,0 +1,71 @@
+// RIFF WAVE: reading (RIFF, RF64 with ds64, a wave nested in LIST "wave", SDSS), the detectors of the
+// wave rows, and the writer that builds a whole RIFF image in memory. Other handlers use the embedded
+// entry points to read one wave between two offsets of their own file, or to get a wave as bytes.
+// Samples stay in the file until first use: plain PCM goes through the generic decoder.
+#pragma once
+#include <cstdint>
+#include <string_view>
+#include <vector>
+
+#include "core/format_table.h"
+
+namespace orlin {
+
+class Waveform;
+
+// Variants of the writer.
+constexpr uint32_t kWaveVariantExtensible = 0xFFFE;
+constexpr uint32_t kWaveVariantBare = 0xFFFFFFFF;      // smpl ahead of data; no LIST, cue or trailing smpl
+constexpr uint32_t kWaveVariantCwdt = 0x54445743;      // "CWDT": no ISFT, extended smpl
+
+// What a writer is asked for: the row's caps (storage and channel bits), the variant, a bit rate.
+struct WaveWriteParams {
+  uint32_t caps = 0;
+  uint32_t variant = 0;
+  float rate = 0.0f;
+};
+
+int32_t DetectWav(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
+int32_t DetectBroadcastWav(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
+int32_t DetectRockwellRif(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
+int32_t DetectSmartSoundSds(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
+
+bool ReadWav(Collection* collection, FileObject* file, uint32_t variant);
+bool WriteWav(Item* item, FileObject* file, const SaveOptions* options);
+
+// Parses the wave between two offsets of an open file into `wave`; false with the last-error text.
+bool ParseEmbeddedWave(Waveform& wave, FileObject& file, uint64_t startOffset, uint64_t endOffset);
+// The same into a new Waveform of `collection`, named `name`; null (and nothing created) on failure.
+Waveform* ReadEmbeddedWave(Collection* collection, FileObject& file, uint64_t startOffset, uint64_t endOffset,
+                           std::string_view name);
+// Builds the complete RIFF image of `wave` into `out`.
+bool WriteWaveToMemory(Waveform& wave, std::vector<uint8_t>& out, const WaveWriteParams& params);
+
+// The decoder the reader leaves on waves that the generic decoder cannot read (more than two channels,
+// samples wider than 32 bits, compressed data): it re-reads the format record the wave points to.
+bool DecodeWaveSamples(Waveform* wave, FileObject* file);
+
+// The smpl chunk (loop, root key, fine tune) for containers that carry one beside their own chunks.
+std::vector<uint8_t> SamplerChunkBody(const Waveform& wave);
+void ReadSamplerChunk(Waveform& wave, const uint8_t* body, size_t size);
+
+// Name of a format tag for messages and `orlin info` ("MS ADPCM", "MP3" ...); "" when unknown.
+const char* WaveTagName(uint32_t tag);
+
+// Save index that a WAVE writer can hold; both writers use it.
+constexpr uint32_t kWaveWritableStorage = (1u << 0) | (1u << 2) | (1u << 4) | (1u << 5) | (1u << 6) | (1u << 8) |
+                                          (1u << 9);
+
+// Shared with the Wave-64 handler: the text chunks and their model slots, in search order.
+struct InfoTag {
+  uint32_t chunkId;
+  uint16_t slot;
+};
+extern const InfoTag kInfoTags[6];
+// The ISFT text every written wave carries.
+extern const char kSoftwareTag[];
+
+// Rounds half away from zero with 0.499, as the sampler chunk's numbers are rounded.
+int64_t RoundSampler(double value);
+
+}  // namespace orlin
