@@ -376,3 +376,25 @@ TEST(Loading, LocateFileSearchOrder) {
 
 }  // namespace
 }  // namespace orlin
+
+namespace orlin {
+namespace {
+
+TEST(Detection, WaveFoundBySignatureUnderAnyName) {
+  ORLIN_REQUIRE_TESTDATA();
+  const std::string source = (test::TestDataDir() / "audio/generated/dtmf8k/master_f32.wav").string();
+  ScratchDir dir;
+  std::filesystem::copy_file(source, dir.File("signal.xyz"));
+  FileObject file;
+  ASSERT_TRUE(file.Open(dir.File("signal.xyz"), FileMode::Read));
+  int32_t confidence = 0;
+  const int32_t row = DetectFileFormat(dir.File("signal.xyz"), file, confidence);
+  EXPECT_EQ(GetRowExtension(row), "wav");
+  EXPECT_EQ(confidence, 66);
+  Collection collection;
+  ASSERT_TRUE(LoadFile(collection, dir.File("signal.xyz"), false));
+  EXPECT_EQ(collection.CountOf(ItemType::Waveform), 1u);
+}
+
+}  // namespace
+}  // namespace orlin
