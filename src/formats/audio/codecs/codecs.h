@@ -125,7 +125,7 @@ enum class GsmFraming {
 };
 uint64_t GsmFrames(uint64_t byteCount, GsmFraming framing);
 uint64_t DecodeGsm(const uint8_t* bytes, size_t byteCount, GsmFraming framing, float* out, uint64_t maxFrames);
-// Whole frames; the last is padded with silence. UsrRecord is written with the frame at byte 0.
+// Whole frames; the last is padded with silence. UsrRecord is written with the frame at byte 2.
 std::vector<uint8_t> EncodeGsm(const float* in, uint64_t frames, GsmFraming framing);
 uint64_t GsmWaveFrames(uint64_t byteCount, const CodecParams& params);
 uint64_t DecodeGsmWave(const uint8_t* bytes, size_t byteCount, const CodecParams& params, float* out,

@@ -597,7 +597,8 @@ std::vector<uint8_t> EncodeGsm(const float* in, uint64_t frames, GsmFraming fram
       BitWriter bits(outBytes.data() + f / 2 * kWavePairBytes, true, f % 2 ? 260 : 0);
       WriteFields(bits, frame);
     } else {
-      uint8_t* p = outBytes.data() + f * recordBytes;
+      // A record's frame stands after a 2-byte head; its zero byte 35 tells readers so.
+      uint8_t* p = outBytes.data() + f * recordBytes + (framing == GsmFraming::UsrRecord ? 2 : 0);
       BitWriter bits(p, false);
       bits.Put(0xD, 4);
       WriteFields(bits, frame);
