@@ -8,6 +8,10 @@
 #include <string>
 #include <vector>
 
+#include "core/collection.h"
+#include "core/format_table.h"
+#include "core/pipeline.h"
+#include "core/save_choice.h"
 #include "formats/audio/codecs/codecs.h"
 #include "test_support.h"
 
@@ -95,6 +99,12 @@ float MaxDifference(const std::vector<float>& ours, const std::vector<float>& th
   float worst = 0;
   for (size_t i = 0; i < count; ++i) worst = std::max(worst, std::fabs(ours[i] - theirs[i]));
   return worst;
+}
+
+std::vector<Waveform*> WavesOf(Collection& collection) {
+  std::vector<Waveform*> waves;
+  for (Waveform* wave : collection.All<Waveform>()) waves.push_back(wave);
+  return waves;
 }
 
 std::string Generated(const std::string& name) { return (TestDataDir() / "audio/generated" / name).string(); }
@@ -236,6 +246,135 @@ TEST(CodecTools, G726StreamsMatchFfmpegInQuality) {
     DecodeG726(tool.coded.data(), tool.coded.size(), params, decoded.data(), decoded.size());
     EXPECT_GT(SnrDb(pcm, decoded), toolSnr - 3.0);
   }
+}
+
+TEST(CodecTools, GsmEncoderMatchesLibgsmThroughSoxAndFfmpeg) {
+  ORLIN_REQUIRE_TESTDATA();
+  ORLIN_REQUIRE_TOOL("sox");
+  ORLIN_REQUIRE_TOOL("ffmpeg");
+  test::ScratchDir dir;
+  const std::string input = Generated("dtmf8k/wav_s16.wav");
+  const std::vector<float> pcm = PcmOfWave(input);
+  // Bit-exact encoders give the same bytes, so the tools' decodes of ours are their own decodes.
+  ASSERT_EQ(test::RunCommand("sox -D '" + input + "' -t gsm '" + dir.File("sox.gsm") + "'"), 0);
+  EXPECT_EQ(EncodeGsm(pcm.data(), pcm.size(), GsmFraming::Raw33), test::ReadBytes(dir.File("sox.gsm")));
+  ASSERT_EQ(test::RunCommand("ffmpeg -nostdin -hide_banner -loglevel error -y -i '" + input +
+                             "' -c:a libgsm_ms '" + dir.File("ms.wav") + "'"),
+            0);
+  EXPECT_EQ(EncodeGsm(pcm.data(), pcm.size(), GsmFraming::Wave65), ReadWave(dir.File("ms.wav")).data);
+}
+
+TEST(CodecTools, G722MatchesFfmpeg) {
+  ORLIN_REQUIRE_TOOL("sox");
+  ORLIN_REQUIRE_TOOL("ffmpeg");
+  test::ScratchDir dir;
+  const std::string input = dir.File("speech.wav");
+  ASSERT_EQ(test::RunCommand("sox -D -R -n -r 16000 -b 16 -c 1 '" + input +
+                             "' synth 0.5 sine 300:6000 sine 7000 remix - gain -n -3"),
+            0);
+  const std::vector<float> pcm = PcmOfWave(input);
+  const ToolResult tool = FfmpegRoundTrip(dir, input, "-c:a g722 -f g722", "-f g722");
+  EXPECT_EQ(EncodeG722(pcm.data(), pcm.size()), tool.coded);
+  std::vector<float> decoded(G722Frames(tool.coded.size(), {}));
+  DecodeG722(tool.coded.data(), tool.coded.size(), {}, decoded.data(), decoded.size());
+  EXPECT_LE(MaxDifference(decoded, tool.decoded, 2), kTolerance);
+}
+
+TEST(CodecTools, YamahaStreamsDecodeWithFfmpeg) {
+  ORLIN_REQUIRE_TESTDATA();
+  ORLIN_REQUIRE_TOOL("ffmpeg");
+  test::ScratchDir dir;
+  const std::string input = Generated("dtmf8k/wav_s16.wav");
+  const std::vector<float> pcm = PcmOfWave(input);
+  const ToolResult tool = FfmpegRoundTrip(dir, input, "-c:a adpcm_yamaha -f wav", "");
+  // Our stream in a copy of the tool's own WAVE file.
+  std::vector<uint8_t> file = test::ReadBytes(dir.File("tool.coded"));
+  const std::vector<uint8_t> ours = EncodeYamaha(pcm.data(), pcm.size(), 1);
+  const WaveFile toolWave = ReadWave(dir.File("tool.coded"));
+  ASSERT_GE(toolWave.data.size(), ours.size());
+  std::copy(ours.begin(), ours.end(), file.end() - toolWave.data.size());
+  test::WriteBytes(dir.File("ours.wav"), file);
+  ASSERT_EQ(test::RunCommand("ffmpeg -nostdin -hide_banner -loglevel error -y -i '" + dir.File("ours.wav") +
+                             "' -f s16le '" + dir.File("ours.s16") + "'"),
+            0);
+  EXPECT_GT(SnrDb(pcm, ReadS16(dir.File("ours.s16"))), SnrDb(pcm, tool.decoded) - 1.0);
+}
+
+TEST(CodecEdges, ImaBlockClaimingMoreFramesStopsAtTheBytes) {
+  // One stereo block head and two groups, but nBlockAlign says 2048.
+  std::vector<uint8_t> bytes(8 + 16, 0x11);
+  bytes[0] = 0x00, bytes[1] = 0x10, bytes[2] = 0;  // left starts at 4096, step 0
+  bytes[4] = 0x00, bytes[5] = 0xF0, bytes[6] = 200;  // right at -4096, step index past the table
+  CodecParams params;
+  params.channels = 2;
+  params.blockAlign = 2048;
+  const uint64_t frames = ImaWaveFrames(bytes.size(), params);
+  EXPECT_EQ(frames, 17u);
+  std::vector<float> out(40 * 2, 7.0f);
+  const WaveCodec* codec = FindWaveCodec(17);
+  ASSERT_NE(codec, nullptr);
+  EXPECT_EQ(DecodeAndPad(*codec, bytes.data(), bytes.size(), params, out.data(), 40), 17u);
+  EXPECT_FLOAT_EQ(out[0], 4096 * kSampleScale);
+  EXPECT_FLOAT_EQ(out[1], -4096 * kSampleScale);
+  for (size_t i = 17 * 2; i < out.size(); ++i) ASSERT_EQ(out[i], 0.0f) << i;
+  // Codes 1 lift the left channel step by step from its head value.
+  EXPECT_GT(out[2], out[0]);
+}
+
+TEST(CodecEdges, GsmShorterThanOneFrameIsSilence) {
+  const std::vector<uint8_t> bytes(20, 0xD5);
+  std::vector<float> out(160, 1.0f);
+  EXPECT_EQ(DecodeGsm(bytes.data(), bytes.size(), GsmFraming::Raw33, out.data(), out.size()), 0u);
+  // Through the raw row: a wave of one frame of silence.
+  test::ScratchDir dir;
+  test::WriteBytes(dir.File("short.gsm"), bytes);
+  Collection collection;
+  ASSERT_TRUE(LoadFile(collection, dir.File("short.gsm"), false));
+  const auto waves = WavesOf(collection);
+  ASSERT_EQ(waves.size(), 1u);
+  const float* samples = waves[0]->GetSamplesForRead();
+  ASSERT_NE(samples, nullptr);
+  for (uint32_t i = 0; i < waves[0]->length; ++i) ASSERT_EQ(samples[i], 0.0f);
+}
+
+TEST(CodecRows, RawFilesLoadAndSaveThroughTheTable) {
+  ORLIN_REQUIRE_TESTDATA();
+  ORLIN_REQUIRE_TOOL("sox");
+  // Loading decodes as the reference decoders did.
+  for (const char* name : {"dtmf8k/vox_oki_adpcm.vox", "dtmf8k/raw_gsm.gsm"}) {
+    SCOPED_TRACE(name);
+    Collection collection;
+    ASSERT_TRUE(LoadFile(collection, Generated(name), false));
+    Waveform* wave = WavesOf(collection).at(0);
+    EXPECT_EQ(wave->sampleRate, 8000u);
+    const float* samples = wave->GetSamplesForRead();
+    ASSERT_NE(samples, nullptr);
+    EXPECT_LE(MaxDifference(std::vector<float>(samples, samples + wave->length),
+                            ReadFloats(Generated(std::string(name) + ".f32"))),
+              kTolerance);
+  }
+  // A save to .gsm is read by sox as we read it back.
+  test::ScratchDir dir;
+  Collection source;
+  const std::vector<float> pcm = PcmOfWave(Generated("dtmf8k/wav_s16.wav"));
+  auto* wave = new Waveform(&source);
+  wave->length = uint32_t(pcm.size());
+  wave->sampleRate = 8000;
+  float* target = wave->AllocSamples();
+  ASSERT_NE(target, nullptr);
+  std::copy(pcm.begin(), pcm.end(), target);
+  const int32_t row = FindWriteRow("gsm", kMaskWaveform);
+  ASSERT_GE(row, 0);
+  ASSERT_TRUE(SaveItem(wave, row, dir.File("out.gsm"), DefaultSaveOptions(row)));
+  ASSERT_EQ(test::RunCommand("sox -t gsm -r 8000 '" + dir.File("out.gsm") + "' -t s16 '" + dir.File("sox.s16") + "'"),
+            0);
+  Collection back;
+  ASSERT_TRUE(LoadFile(back, dir.File("out.gsm"), false));
+  Waveform* loaded = WavesOf(back).at(0);
+  const float* samples = loaded->GetSamplesForRead();
+  ASSERT_NE(samples, nullptr);
+  EXPECT_LE(MaxDifference(std::vector<float>(samples, samples + loaded->length), ReadS16(dir.File("sox.s16"))),
+            kTolerance);
 }
 
 }  // namespace

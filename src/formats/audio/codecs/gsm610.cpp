@@ -522,9 +522,8 @@ struct GsmEncoder {
       // The decoder's reconstruction of the excitation feeds the next lag search.
       Word reconstructed[40];
       for (int32_t k = 0; k < 40; ++k) reconstructed[k] = Add(ep[k], MultR(bp, present[k - frame.nc[j]]));
+      std::copy(reconstructed, reconstructed + 40, present);
       std::copy(dp + 40, dp + 160, dp);
-      std::copy(reconstructed, reconstructed + 40, dp + 120);
-      present = dp + 120;
     }
   }
 };
