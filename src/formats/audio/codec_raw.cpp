@@ -127,7 +127,10 @@ bool RowCodecOf(uint32_t variant, RowCodec& out) {
         out = {Stream::G72xTopFirst, DecodeCodecFile<Stream::G72xTopFirst>, bits, storage};
       return true;
     }
-    case CodecRawKind::G722: out = {Stream::G722, DecodeCodecFile<Stream::G722>, 4, kStorageAdpcm4}; return true;
+    case CodecRawKind::G722:
+      // `bits` carries the mode here (8, 7, 6 for 64, 56, 48 kbit/s); a byte is two samples either way.
+      out = {Stream::G722, DecodeCodecFile<Stream::G722>, std::clamp(width, 6u, 8u), kStorageAdpcm4};
+      return true;
     case CodecRawKind::Dialogic:
       out = {Stream::Dialogic, DecodeCodecFile<Stream::Dialogic>, 4, kStorageAdpcm4};
       return true;

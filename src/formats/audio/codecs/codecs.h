@@ -21,7 +21,7 @@ struct CodecParams {
   // The `fmt ` extension after its cbSize word (MS ADPCM: wSamplesPerBlock, wNumCoef, coefficients).
   const uint8_t* extension = nullptr;
   size_t extensionBytes = 0;
-  // Code width (wBitsPerSample) of the G.72x family, 2..5.
+  // Code width (wBitsPerSample) of the G.72x family, 2..5; 6..8 the G.722 mode (8: 64 kbit/s).
   uint32_t bitsPerSample = 4;
 };
 
@@ -111,7 +111,8 @@ uint64_t DecodeG726LittleEndian(const uint8_t* bytes, size_t byteCount, const Co
                                 uint64_t maxFrames);
 std::vector<uint8_t> EncodeG726(const float* in, uint64_t frames, uint32_t bits, bool littleEndian = false);
 
-// ---- G.722 at 64 kbit/s: one byte per two 16 kHz samples ---------------------------------------------
+// ---- G.722: one byte per two 16 kHz samples; bitsPerSample 7 or 6 decodes the 56 and 48 kbit/s
+// modes, whose low bits carry side data. The encoder writes the 64 kbit/s mode. -------------------------
 uint64_t G722Frames(uint64_t byteCount, const CodecParams& params);
 uint64_t DecodeG722(const uint8_t* bytes, size_t byteCount, const CodecParams& params, float* out,
                     uint64_t maxFrames);

@@ -20,6 +20,10 @@ constexpr int32_t kQm6[64] = {-136,   -136,   -136,   -136,   -24808, -21904, -1
                               21904,  19008,  16704,  14984,  13512,  12280,  11192,  10232,  9360,   8576,   7856,
                               7192,   6576,   6000,   5456,   4944,   4464,   4008,   3576,   3168,   2776,   2400,
                               2032,   1688,   1360,   1040,   728,    432,    136,    -432,   -136};
+// The 5-bit inverse quantizer of the 56 kbit/s mode.
+constexpr int32_t kQm5[32] = {-280,  -280,  -23352, -17560, -14120, -11664, -9752, -8184, -6864, -5712, -4696,
+                              -3784, -2960, -2208,  -1520,  -880,   23352,  17560, 14120, 11664, 9752,  8184,
+                              6864,  5712,  4696,   3784,   2960,   2208,   1520,  880,   280,   -280};
 constexpr int32_t kQm4[16] = {0,     -20456, -12896, -8968, -6288, -4240, -2584, -1200,
                               20456, 12896,  8968,   6288,  4240,  2584,  1200,  0};
 constexpr int32_t kRl42[16] = {0, 7, 6, 5, 4, 3, 2, 1, 7, 6, 5, 4, 3, 2, 1, 0};
@@ -117,11 +121,14 @@ struct G722State {
     high.det = 8;
   }
 
-  void DecodeByte(uint8_t code, int16_t* outPair) {
+  // `bits` is 8, 7 or 6 for 64, 56 and 48 kbit/s: the lower modes ignore one or two low bits of
+  // the low band code, which carry side data.
+  void DecodeByte(uint8_t code, uint32_t bits, int16_t* outPair) {
     const int32_t lowCode = code & 0x3F;
     const int32_t highCode = code >> 6;
-    // Low band: the full 6-bit code for the output, its top 4 bits for adaptation.
-    const int32_t rlow = std::clamp(low.s + ((low.det * kQm6[lowCode]) >> 15), -16384, 16383);
+    // Low band: the code less the side bits for the output, its top 4 bits for adaptation.
+    const int32_t step = bits == 6 ? kQm4[lowCode >> 2] : bits == 7 ? kQm5[lowCode >> 1] : kQm6[lowCode];
+    const int32_t rlow = std::clamp(low.s + ((low.det * step) >> 15), -16384, 16383);
     const int32_t lowCode4 = lowCode >> 2;
     const int32_t dlow = (low.det * kQm4[lowCode4]) >> 15;
     low.Scale(kWl[kRl42[lowCode4]], kLowScaleLimit, 8);
@@ -183,12 +190,14 @@ struct G722State {
 
 uint64_t G722Frames(uint64_t byteCount, const CodecParams&) { return byteCount * 2; }
 
-uint64_t DecodeG722(const uint8_t* bytes, size_t byteCount, const CodecParams&, float* out, uint64_t maxFrames) {
+uint64_t DecodeG722(const uint8_t* bytes, size_t byteCount, const CodecParams& params, float* out,
+                    uint64_t maxFrames) {
+  const uint32_t bits = params.bitsPerSample == 6 || params.bitsPerSample == 7 ? params.bitsPerSample : 8;
   G722State state;
   uint64_t done = 0;
   int16_t pair[2];
   for (size_t i = 0; i < byteCount && done < maxFrames; ++i) {
-    state.DecodeByte(bytes[i], pair);
+    state.DecodeByte(bytes[i], bits, pair);
     out[done++] = float(pair[0]) * kSampleScale;
     if (done < maxFrames) out[done++] = float(pair[1]) * kSampleScale;
   }
