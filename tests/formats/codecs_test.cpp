@@ -308,6 +308,51 @@ TEST(CodecTools, YamahaStreamsDecodeWithFfmpeg) {
   EXPECT_GT(SnrDb(pcm, ReadS16(dir.File("ours.s16"))), SnrDb(pcm, tool.decoded) - 1.0);
 }
 
+void PutLe(std::vector<uint8_t>& out, uint32_t value, int bytes) {
+  for (int i = 0; i < bytes; ++i) out.push_back(uint8_t(value >> (8 * i)));
+}
+
+TEST(CodecTools, ImaWaveEncoderIsReadBySox) {
+  ORLIN_REQUIRE_TESTDATA();
+  ORLIN_REQUIRE_TOOL("sox");
+  test::ScratchDir dir;
+  const std::vector<float> pcm = PcmOfWave(Generated("sweep/wav_s16.wav"));
+  constexpr uint32_t kChannels = 2, kBlockAlign = 2048, kRate = 44100;
+  const uint64_t frames = pcm.size() / kChannels;
+  const std::vector<uint8_t> coded = EncodeImaWave(pcm.data(), frames, kChannels, kBlockAlign);
+  CodecParams params;
+  params.channels = kChannels;
+  params.blockAlign = kBlockAlign;
+  // A minimal WAVE file around the blocks: fmt with wSamplesPerBlock, fact, data.
+  std::vector<uint8_t> file = {'R', 'I', 'F', 'F'};
+  PutLe(file, uint32_t(4 + 28 + 12 + 8 + coded.size()), 4);
+  for (char c : std::string("WAVEfmt ")) file.push_back(uint8_t(c));
+  PutLe(file, 20, 4);
+  PutLe(file, 17, 2);
+  PutLe(file, kChannels, 2);
+  PutLe(file, kRate, 4);
+  PutLe(file, kRate * kBlockAlign / uint32_t(ImaWaveFrames(kBlockAlign, params)), 4);
+  PutLe(file, kBlockAlign, 2);
+  PutLe(file, 4, 2);
+  PutLe(file, 2, 2);
+  PutLe(file, uint32_t(ImaWaveFrames(kBlockAlign, params)), 2);
+  for (char c : std::string("fact")) file.push_back(uint8_t(c));
+  PutLe(file, 4, 4);
+  PutLe(file, uint32_t(frames), 4);
+  for (char c : std::string("data")) file.push_back(uint8_t(c));
+  PutLe(file, uint32_t(coded.size()), 4);
+  file.insert(file.end(), coded.begin(), coded.end());
+  test::WriteBytes(dir.File("ours.wav"), file);
+  ASSERT_EQ(test::RunCommand("sox -V1 '" + dir.File("ours.wav") + "' -t s16 '" + dir.File("sox.s16") + "'"), 0);
+  std::vector<float> ours(ImaWaveFrames(coded.size(), params) * kChannels);
+  DecodeImaWave(coded.data(), coded.size(), params, ours.data(), ours.size() / kChannels);
+  const std::vector<float> theirs = ReadS16(dir.File("sox.s16"));
+  EXPECT_LE(MaxDifference(ours, theirs, ours.size()), kTolerance);
+  EXPECT_GE(theirs.size(), frames * kChannels);
+  // About as close to the input as sox's own encoder comes.
+  EXPECT_GT(SnrDb(pcm, theirs), SnrDb(pcm, ReadFloats(Generated("sweep/wav_ima_adpcm_sox.wav.f32"))) - 1.0);
+}
+
 TEST(CodecEdges, ImaBlockClaimingMoreFramesStopsAtTheBytes) {
   // One stereo block head and two groups, but nBlockAlign says 2048.
   std::vector<uint8_t> bytes(8 + 16, 0x11);
