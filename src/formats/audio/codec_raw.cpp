@@ -157,12 +157,12 @@ bool ReadCodecRaw(Collection* collection, FileObject* file, uint32_t variant) {
     return false;
   }
   const uint64_t frames = FramesFor(codec.stream, uint64_t(size), codec.bits);
-  if (frames == 0) {
-    // Shorter than one GSM frame: a wave of one frame's silence rather than none.
-    if (codec.stream == Stream::G72xTopFirst || codec.stream == Stream::G72xLowFirst) {
-      SetLastError("File is of zero size");
-      return false;
-    }
+  const bool gsm = codec.stream == Stream::Gsm33 || codec.stream == Stream::GsmRecord ||
+                   codec.stream == Stream::GsmRecordAtTwo;
+  // A GSM file shorter than one frame still loads, as one frame of silence; other streams need a code.
+  if (frames == 0 && !gsm) {
+    SetLastError("File is of zero size");
+    return false;
   }
   auto* wave = new Waveform(collection);
   wave->channels = 1;
