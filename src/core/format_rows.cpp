@@ -4,6 +4,7 @@
 #include "core/format_table.h"
 #include "formats/audio/raw.h"
 #include "formats/common/generic_rows.h"
+#include "formats/song/midi.h"
 
 namespace orlin {
 
@@ -243,7 +244,7 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /* 230 */ {"maud", nullptr, nullptr, nullptr, "MAUD sample", 0x01, 0x00000000, 0x0, nullptr},
     /* 231 */ {"mdl", nullptr, nullptr, nullptr, "Digitrakker module", 0xD1, 0x00000000, 0x0, nullptr},
     /* 232 */ {"med", nullptr, nullptr, nullptr, "OctaMED module", 0xD1, 0x00000000, 0x0, nullptr},
-    /* 233 */ {"mid", nullptr, nullptr, nullptr, "Standard MIDI", 0x60, 0x00080000, 0x0, nullptr},
+    /* 233 */ {"mid", ReadMidiFile, WriteMidi, DetectMidi, "Standard MIDI", 0x60, 0x00080000, 0x0, nullptr},
     /* 234 */ {"mka", nullptr, nullptr, nullptr, "Matriska audio", 0x01, 0x00000000, 0x0, nullptr},
     /* 235 */ {"mkv", nullptr, nullptr, nullptr, "Matriska video", 0x01, 0x00000000, 0x0, nullptr},
     /* 236 */ {"mld", nullptr, nullptr, nullptr, "i-Melody", 0x60, 0x00000000, 0x0, nullptr},
