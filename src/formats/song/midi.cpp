@@ -82,6 +82,8 @@ bool MidiEventWalker::Next(MidiEvent& event) {
   }
   event.status = status;
   if (status < 0xF0) {
+    // Only channel messages set running status; writers in the wild run on across metas and sysex,
+    // so nothing clears it.
     runningStatus_ = status;
     event.data = reader.Here();
     event.data1 = reader.U8() & 0x7F;
@@ -89,12 +91,10 @@ bool MidiEventWalker::Next(MidiEvent& event) {
     if (twoBytes) event.data2 = reader.U8() & 0x7F;
     event.size = twoBytes ? 2 : 1;
   } else if (status == 0xF0 || status == 0xF7) {
-    runningStatus_ = 0;  // sysex cancels running status
     event.size = reader.VarLength();
     event.data = reader.Here();
     reader.Skip(event.size);
   } else if (status == 0xFF) {
-    runningStatus_ = 0;
     event.metaType = reader.U8();
     event.size = reader.VarLength();
     event.data = reader.Here();
@@ -220,7 +220,10 @@ Song* ReadMidi(Collection* collection, FileObject* file, uint64_t startOffset, u
       } else {
         name = TrackNumberName(tracksMet - (controlExists ? 1 : 0));
       }
-      if (available < kMinTrackBytes) continue;  // counted, but not kept
+      if (available < kMinTrackBytes) {
+        controlMark = false;
+        continue;  // counted, but not kept
+      }
       Track* track = nullptr;
       try {
         std::vector<uint8_t> bytes(available);
@@ -232,13 +235,15 @@ Song* ReadMidi(Collection* collection, FileObject* file, uint64_t startOffset, u
       }
       if (song->format == 2) track->patternNumber = uint16_t(chunkIndex);
       if (controlMark) {
+        // Only the first track is a candidate: one that plays notes is a music track after all, and
+        // the tracks after it are numbered on from 2.
         if (HasNotes(*track)) {
-          // The first track plays after all: it is a music track and the numbering stays.
           name = TrackNumberName(1);
-          controlMark = controlExists = false;
+          controlExists = false;
         } else {
           flags = kControlFlag;
         }
+        controlMark = false;
       }
       track->SetName(name);
       track->flags = flags;
