@@ -5,6 +5,7 @@
 #include "formats/audio/raw.h"
 #include "formats/common/generic_rows.h"
 #include "formats/song/midi.h"
+#include "formats/song/modules/modules.h"
 
 namespace orlin {
 
@@ -250,7 +251,7 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /* 236 */ {"mld", nullptr, nullptr, nullptr, "i-Melody", 0x60, 0x00000000, 0x0, nullptr},
     /* 237 */ {"mls", nullptr, nullptr, nullptr, "Miles Sound System", 0x01, 0x00000000, 0x0, nullptr},
     /* 238 */ {"mmf", nullptr, nullptr, nullptr, "Synthetic music mobile", 0x60, 0x00000000, 0x0, nullptr},
-    /* 239 */ {"mod", nullptr, nullptr, nullptr, "Tracker module", 0xD1, 0x00000000, 0x0, nullptr},
+    /* 239 */ {"mod", ReadModModule, nullptr, DetectModModule, "Tracker module", 0xD1, 0x00000000, 0x0, nullptr},
     /* 240 */ {"mov", nullptr, nullptr, nullptr, "Apple QuickTime movie", 0x01, 0x00000000, 0x0, nullptr},
     /* 241 */ {"mp1", nullptr, nullptr, nullptr, "MPEG layer I", 0x01, 0x00000000, 0x0, nullptr},
     /* 242 */ {"mp2", nullptr, nullptr, nullptr, "MPEG layer II", 0x01, 0x00000000, 0x0, nullptr},
