@@ -25,8 +25,14 @@ int32_t DetectItInstrument(const uint8_t* head, uint32_t variant, uint32_t headB
 bool ReadItSample(Collection* collection, FileObject* file, uint32_t variant);
 int32_t DetectItSample(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
 
-// The smaller sample-only formats; each row's variant names the format (see kOtherModuleKinds).
+// The smaller sample-only formats, one reader and detector per kind.
+enum class ModuleKind {
+  Composer669, ExtremeTracker, VelvetStudio, XTracker, DigitalSound, Farandole, Digitrakker, OctaMed,
+  MultiTracker, Oktalyzer, ProtrackerStudio, PolyTracker, ScreamTracker2, UltraTracker, UnrealMusic,
+};
+template <ModuleKind kind>
 bool ReadOtherModule(Collection* collection, FileObject* file, uint32_t variant);
+template <ModuleKind kind>
 int32_t DetectOtherModule(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
 
 }  // namespace orlin
