@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
 #include <map>
 #include <sstream>
 
@@ -160,6 +161,248 @@ TEST(TrackerModules, SamplesAgreeWithLibxmp) {
       ++compared;
     }
   EXPECT_GE(compared, 15);
+}
+
+}  // namespace
+}  // namespace orlin
+
+namespace orlin {
+namespace {
+
+// A MOD made here: 31 sample records, an order list, the ID, patterns, then sample data.
+struct ModBuilder {
+  std::vector<uint8_t> bytes = std::vector<uint8_t>(1084, 0);
+  int patterns = 0;
+  int channels = 4;
+
+  void Sample(int index, const char* name, uint16_t words, uint8_t fineTune, uint8_t volume, uint16_t loopStart = 0,
+              uint16_t loopWords = 1) {
+    uint8_t* record = bytes.data() + 20 + 30 * index;
+    std::memcpy(record, name, std::strlen(name));
+    record[22] = uint8_t(words >> 8), record[23] = uint8_t(words);
+    record[24] = fineTune, record[25] = volume;
+    record[26] = uint8_t(loopStart >> 8), record[27] = uint8_t(loopStart);
+    record[28] = uint8_t(loopWords >> 8), record[29] = uint8_t(loopWords);
+  }
+  void Orders(std::initializer_list<uint8_t> orders) {
+    bytes[950] = uint8_t(orders.size());
+    int i = 0;
+    for (uint8_t order : orders) bytes[952 + i++] = order;
+  }
+  void Id(const char* id) { std::memcpy(bytes.data() + 1080, id, 4); }
+  // Appends empty patterns up to `count`.
+  void Patterns(int count) {
+    patterns = count;
+    bytes.resize(1084 + size_t(count) * 64 * channels * 4, 0);
+  }
+  void Cell(int pattern, int row, int channel, int sample, int period, int effect, int parameter) {
+    uint8_t* cell = bytes.data() + 1084 + (size_t(pattern) * 64 * channels + size_t(row) * channels + channel) * 4;
+    cell[0] = uint8_t((sample & 0xF0) | (period >> 8));
+    cell[1] = uint8_t(period);
+    cell[2] = uint8_t((sample & 0x0F) << 4 | effect);
+    cell[3] = uint8_t(parameter);
+  }
+  void SampleData(size_t count) {
+    for (size_t i = 0; i < count; ++i) bytes.push_back(uint8_t(i * 7));
+  }
+};
+
+struct NoteOn {
+  uint64_t tick;
+  int channel, key, velocity;
+  bool operator==(const NoteOn&) const = default;
+};
+
+std::vector<NoteOn> NoteOns(const Collection& collection, const Song& song) {
+  std::vector<NoteOn> notes;
+  for (uint32_t id : song.children) {
+    const Track* track = collection.Find<Track>(id);
+    MidiEventWalker walker(track->data.data(), track->data.size());
+    MidiEvent event;
+    uint64_t tick = 0;
+    while (walker.Next(event)) {
+      tick += event.delta;
+      if ((event.status & 0xF0) == 0x90 && event.data2 > 0)
+        notes.push_back({tick, event.status & 0x0F, event.data1, event.data2});
+    }
+  }
+  std::stable_sort(notes.begin(), notes.end(), [](const NoteOn& a, const NoteOn& b) { return a.tick < b.tick; });
+  return notes;
+}
+
+bool LoadMod(Collection& collection, const test::ScratchDir& scratch, const std::vector<uint8_t>& bytes) {
+  const std::string path = scratch.File("made.mod");
+  test::WriteBytes(path, bytes);
+  return LoadFile(collection, path, false);
+}
+
+TEST(TrackerModules, ModSongTimingFromPatterns) {
+  test::ScratchDir scratch;
+  ModBuilder mod;
+  mod.Sample(0, "lead", 8, 0, 64);
+  mod.Sample(1, "", 8, 0, 48);
+  mod.Orders({0, 1});
+  mod.Id("M.K.");
+  mod.Patterns(2);
+  mod.Cell(0, 0, 0, 1, 428, 0, 0);         // key 60, full volume
+  mod.Cell(0, 0, 1, 2, 214, 0xC, 32);      // key 72, volume 32
+  mod.Cell(0, 4, 0, 0, 0, 0xF, 3);         // speed 3 from row 4 on
+  mod.Cell(0, 5, 0, 0, 856, 0, 0);         // key 48 on the last sample of the channel
+  mod.Cell(0, 8, 3, 0, 0, 0xD, 0x10);      // break to row 10 of the next order
+  mod.Cell(1, 10, 2, 1, 428, 0xF, 200);    // tempo 200 on the row struck
+  mod.SampleData(32);
+  Collection collection;
+  ASSERT_TRUE(LoadMod(collection, scratch, mod.bytes));
+  const std::vector<Song*> songs = collection.All<Song>().ToVector();
+  ASSERT_EQ(songs.size(), 1u);
+  const Song& song = *songs[0];
+  EXPECT_EQ(song.format, 1);
+  EXPECT_EQ(song.division, 96);
+  ASSERT_EQ(song.children.size(), 5u);
+  const Track* control = collection.Find<Track>(song.children[0]);
+  EXPECT_EQ(control->GetName(), "Control Track");
+  EXPECT_EQ(control->flags, 254);
+  EXPECT_EQ(collection.Find<Track>(song.children[3])->GetName(), "Track 3");
+  // Rows 0-3 at speed 6 (24 MIDI ticks), rows 4-8 at speed 3, the break lands on row 10 at tick 156.
+  const std::vector<NoteOn> expected = {{0, 0, 60, 127}, {0, 1, 72, 63}, {108, 0, 48, 127}, {156, 2, 60, 127}};
+  EXPECT_EQ(NoteOns(collection, song), expected);
+  // The control track: name, text, time signature, tempo 125 (480000 us), steps and the tempo change.
+  std::vector<std::string> metas;
+  MidiEventWalker walker(control->data.data(), control->data.size());
+  MidiEvent event;
+  while (walker.Next(event))
+    if (event.status == 0xFF) metas.push_back(std::to_string(event.metaType) + ":" + std::string(reinterpret_cast<const char*>(event.data), event.size));
+  ASSERT_GE(metas.size(), 7u);
+  EXPECT_EQ(metas[0], "3:Control Track");
+  EXPECT_EQ(metas[1], "1:Created from a MOD by Orlin Studio v12.7");
+  EXPECT_EQ(metas[2], std::string("88:\x04\x02\x60\x08", 7));
+  EXPECT_EQ(metas[3], std::string("81:\x07\x53\x00", 6));
+  EXPECT_EQ(metas[4], "6:0 <- P0");
+  EXPECT_EQ(metas[5], "6:1 <- P1");
+  EXPECT_EQ(metas[6], std::string("81:\x04\x93\xE0", 6));  // 300000 us for tempo 200
+  // Instruments: one per sample, by name or "No %d", program by sample number.
+  const std::vector<Instrument*> instruments = collection.All<Instrument>().ToVector();
+  ASSERT_EQ(instruments.size(), 2u);
+  EXPECT_EQ(instruments[0]->GetName(), "lead");
+  EXPECT_EQ(instruments[1]->GetName(), "No 2");
+  EXPECT_EQ(instruments[1]->Program(), 1);
+}
+
+TEST(TrackerModules, ModEdgeCases) {
+  test::ScratchDir scratch;
+  {
+    // Fine tune 0 gives 8287 Hz; -8 and +7 the ends of the range; a loop of more than one word.
+    ModBuilder mod;
+    mod.Sample(0, "a", 8, 0, 64, 2, 4);
+    mod.Sample(1, "b", 8, 8, 64);
+    mod.Sample(2, "c", 8, 7, 64);
+    mod.Orders({0});
+    mod.Id("M.K.");
+    mod.Patterns(1);
+    mod.SampleData(48);
+    Collection collection;
+    ASSERT_TRUE(LoadMod(collection, scratch, mod.bytes));
+    const std::vector<Waveform*> waves = collection.All<Waveform>().ToVector();
+    ASSERT_EQ(waves.size(), 3u);
+    EXPECT_EQ(waves[0]->sampleRate, 8287u);
+    EXPECT_EQ(waves[1]->sampleRate, uint32_t(8287.137 * std::pow(2.0, -8 / 96.0) + 0.499));
+    EXPECT_EQ(waves[2]->sampleRate, uint32_t(8287.137 * std::pow(2.0, 7 / 96.0) + 0.499));
+    EXPECT_EQ(waves[0]->loop.type, 1);
+    EXPECT_EQ(waves[0]->loop.start, 4.0f);
+    EXPECT_EQ(waves[0]->loop.end, 12.0f);
+    EXPECT_EQ(waves[1]->loop.type, 0);
+    EXPECT_EQ(waves[0]->length, 16u);
+  }
+  {
+    // No known ID: 15 sample records, the order list at 470 and patterns at 600.
+    std::vector<uint8_t> bytes(600 + 1024, 0);
+    bytes[20 + 22 + 1] = 4;  // first sample: 4 words
+    bytes[470] = 1;
+    for (int i = 0; i < 8; ++i) bytes.push_back(uint8_t(i));
+    std::memcpy(bytes.data() + 1080, "ABCD", 4);  // inside the pattern: not an ID
+    Collection collection;
+    ASSERT_TRUE(LoadMod(collection, scratch, bytes)) << LastError();
+    const std::vector<Waveform*> waves = collection.All<Waveform>().ToVector();
+    ASSERT_EQ(waves.size(), 1u);
+    EXPECT_EQ(waves[0]->sourceOffset, 1624u);
+    EXPECT_EQ(waves[0]->length, 8u);
+  }
+  {
+    // A sample reaching past the end of the file is cut to it; an 8-channel ID widens the patterns.
+    ModBuilder mod;
+    mod.channels = 8;
+    mod.Sample(0, "long", 1000, 0, 64);
+    mod.Orders({0});
+    mod.Id("8CHN");
+    mod.Patterns(1);
+    mod.SampleData(10);
+    Collection collection;
+    ASSERT_TRUE(LoadMod(collection, scratch, mod.bytes));
+    const std::vector<Waveform*> waves = collection.All<Waveform>().ToVector();
+    ASSERT_EQ(waves.size(), 1u);
+    EXPECT_EQ(waves[0]->sourceOffset, 1084u + 2048u);
+    EXPECT_EQ(waves[0]->length, 10u);
+    EXPECT_EQ(collection.All<Song>().ToVector()[0]->children.size(), 9u);
+  }
+  {
+    ModBuilder mod;
+    mod.Sample(0, "a", 8, 0, 64);
+    mod.Id("M.K.");
+    mod.Patterns(1);
+    mod.SampleData(16);
+    Collection collection;
+    EXPECT_FALSE(LoadMod(collection, scratch, mod.bytes));
+    EXPECT_EQ(LastError(), "Zero song length");
+  }
+}
+
+TEST(TrackerModules, ModCorpusNotesFollowFirstPattern) {
+  ORLIN_REQUIRE_TESTDATA();
+  for (const char* name : {"libxmp/ponylips.mod", "debian/high-score.mod"}) {
+    const std::string path = (test::TestDataDir() / "modules" / name).string();
+    SCOPED_TRACE(path);
+    const std::vector<uint8_t> bytes = test::ReadBytes(path);
+    ASSERT_GT(bytes.size(), 1084u);
+    // The first pattern of the order list, walked here: speed from F cells, notes where a period
+    // meets a sample with volume, the key by the period's distance from 428 in semitones.
+    const int pattern = bytes[952];
+    const uint8_t* cells = bytes.data() + 1084 + size_t(pattern) * 1024;
+    std::vector<int> volume(4, 0), sample(4, 0);
+    std::vector<NoteOn> expected;
+    uint64_t tick = 0;
+    int speed = 6;
+    bool stopped = false;
+    for (int row = 0; row < 64 && !stopped; ++row) {
+      for (int c = 0; c < 4; ++c) {
+        const uint8_t* cell = cells + (row * 4 + c) * 4;
+        if ((cell[2] & 0x0F) == 0x0F && cell[3] > 0 && cell[3] < 32) speed = cell[3];
+      }
+      for (int c = 0; c < 4; ++c) {
+        const uint8_t* cell = cells + (row * 4 + c) * 4;
+        const int number = (cell[0] & 0xF0) | (cell[2] >> 4);
+        const int period = (cell[0] & 0x0F) << 8 | cell[1];
+        const int effect = cell[2] & 0x0F;
+        if (number) sample[c] = number, volume[c] = std::min<int>(bytes[20 + 30 * (number - 1) + 25], 64);
+        if (effect == 0xC) volume[c] = std::min<int>(cell[3], 64);
+        if (effect == 0xD || effect == 0xB) stopped = true;
+        const int words = sample[c] ? bytes[20 + 30 * (sample[c] - 1) + 22] << 8 | bytes[20 + 30 * (sample[c] - 1) + 23] : 0;
+        if (period && words && volume[c] > 0 && effect != 3 && effect != 5) {
+          const int key = int(std::lround(60 + 12 * std::log2(428.0 / period)));
+          expected.push_back({tick, c, key, std::max(1, volume[c] * 127 / 64)});
+        }
+      }
+      tick += uint64_t(speed) * 4;
+    }
+    ASSERT_FALSE(expected.empty());
+    Collection collection;
+    ASSERT_TRUE(LoadFile(collection, path, false));
+    const std::vector<Song*> songs = collection.All<Song>().ToVector();
+    ASSERT_EQ(songs.size(), 1u);
+    std::vector<NoteOn> ours = NoteOns(collection, *songs[0]);
+    ours.erase(std::remove_if(ours.begin(), ours.end(), [&](const NoteOn& n) { return n.tick >= tick; }), ours.end());
+    std::stable_sort(expected.begin(), expected.end(), [](const NoteOn& a, const NoteOn& b) { return a.tick < b.tick; });
+    EXPECT_EQ(ours, expected);
+  }
 }
 
 }  // namespace

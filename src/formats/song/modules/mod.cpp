@@ -230,8 +230,24 @@ void BuildSong(Collection* collection, const std::vector<uint8_t>& bytes, size_t
 
 }  // namespace
 
+// An old 15-sample module has no signature: a guess when its records hold plausible values.
+bool LooksLikeOldModule(const uint8_t* head, uint32_t headBytes) {
+  constexpr size_t kOrdersOffset = kTitleBytes + 15 * kSampleRecordBytes;  // song length, restart, orders
+  if (headBytes < kOrdersOffset + 2 + kOrderSlots) return false;
+  for (int i = 0; i < 15; ++i) {
+    const uint8_t* record = head + kTitleBytes + i * kSampleRecordBytes;
+    if (record[24] > 15 || record[25] > 64) return false;  // fine tune is a nibble, volume at most 64
+  }
+  const uint8_t songLength = head[kOrdersOffset];
+  if (songLength == 0 || songLength > kOrderSlots) return false;
+  for (int i = 0; i < kOrderSlots; ++i)
+    if (head[kOrdersOffset + 2 + i] >= 64) return false;
+  return true;
+}
+
 int32_t DetectModModule(const uint8_t* head, uint32_t, uint32_t headBytes, uint64_t) {
-  return headBytes >= kIdOffset + 4 && ChannelsOfId(head + kIdOffset) ? 6 : 0;
+  if (headBytes >= kIdOffset + 4 && ChannelsOfId(head + kIdOffset)) return 6;
+  return LooksLikeOldModule(head, headBytes) ? 2 : 0;
 }
 
 bool ReadModModule(Collection* collection, FileObject* file, uint32_t) {
