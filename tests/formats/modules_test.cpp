@@ -407,3 +407,137 @@ TEST(TrackerModules, ModCorpusNotesFollowFirstPattern) {
 
 }  // namespace
 }  // namespace orlin
+
+namespace orlin {
+namespace {
+
+void Put16(std::vector<uint8_t>& bytes, size_t at, uint32_t value) {
+  bytes[at] = uint8_t(value), bytes[at + 1] = uint8_t(value >> 8);
+}
+void Put32(std::vector<uint8_t>& bytes, size_t at, uint32_t value) {
+  Put16(bytes, at, value & 0xFFFF), Put16(bytes, at + 2, value >> 16);
+}
+
+bool ReadWith(FormatReader reader, Collection& collection, const test::ScratchDir& scratch, const std::vector<uint8_t>& bytes) {
+  const std::string path = scratch.File("made.bin");
+  test::WriteBytes(path, bytes);
+  collection.SetText(kTextSourceFile, path);  // where waves find their samples
+  FileObject file;
+  EXPECT_TRUE(file.Open(path, FileMode::Read));
+  return reader(&collection, &file, 0);
+}
+
+// An Impulse Tracker instrument file: head, key map, one 8-bit sample of four frames.
+std::vector<uint8_t> MakeIti(uint16_t version) {
+  std::vector<uint8_t> bytes(554 + 80 + 4, 0);
+  std::memcpy(bytes.data(), "IMPI", 4);
+  Put16(bytes, 0x1C, version);
+  bytes[0x1E] = 1;  // samples
+  std::memcpy(bytes.data() + 0x20, "Strings", 7);
+  Put16(bytes, 0x3E, 0x0203);  // MIDI bank
+  for (int key = 0; key < 120; ++key) {
+    bytes[0x40 + key * 2] = uint8_t(key < 60 ? key : key - 12);  // the upper half an octave down
+    bytes[0x41 + key * 2] = key < 100 ? 1 : 0;                  // no sample above key 99
+  }
+  const size_t sample = 554;
+  std::memcpy(bytes.data() + sample, "IMPS", 4);
+  bytes[sample + 0x12] = 1 | 16;  // has data, loops
+  std::memcpy(bytes.data() + sample + 0x14, "pluck", 5);
+  bytes[sample + 0x2E] = 1;  // signed
+  Put32(bytes, sample + 0x30, 4);
+  Put32(bytes, sample + 0x34, 1);
+  Put32(bytes, sample + 0x38, 4);
+  Put32(bytes, sample + 0x3C, 22050);
+  Put32(bytes, sample + 0x48, uint32_t(sample + 80));
+  for (int i = 0; i < 4; ++i) bytes[sample + 80 + i] = uint8_t(i * 32);
+  return bytes;
+}
+
+TEST(TrackerModules, ImpulseInstrumentLayouts) {
+  test::ScratchDir scratch;
+  for (uint16_t version : {uint16_t(0x0100), uint16_t(0x0214)}) {
+    SCOPED_TRACE(version);
+    Collection collection;
+    ASSERT_TRUE(ReadWith(ReadItInstrument, collection, scratch, MakeIti(version)));
+    const std::vector<Instrument*> instruments = collection.All<Instrument>().ToVector();
+    const std::vector<Waveform*> waves = collection.All<Waveform>().ToVector();
+    ASSERT_EQ(instruments.size(), 1u);
+    ASSERT_EQ(waves.size(), 1u);
+    EXPECT_EQ(instruments[0]->GetName(), "Strings");
+    EXPECT_EQ(instruments[0]->MajorBank(), version < 512 ? 0 : 2);
+    EXPECT_EQ(instruments[0]->MinorBank(), version < 512 ? 0 : 3);
+    EXPECT_EQ(waves[0]->GetName(), "pluck");
+    EXPECT_EQ(waves[0]->sampleRate, 22050u);
+    EXPECT_EQ(waves[0]->loop.start, 1.0f);
+    EXPECT_EQ(waves[0]->loop.end, 4.0f);
+    // Two runs of keys on the one sample, told apart by their transposition.
+    std::vector<std::string> regions;
+    for (uint32_t layerId : instruments[0]->children)
+      for (uint32_t regionId : collection.Find<Layer>(layerId)->children) {
+        const Region* region = collection.Find<Region>(regionId);
+        regions.push_back(std::to_string(region->range.loKey) + "-" + std::to_string(region->range.hiKey) + "@" +
+                          std::to_string(region->rootKey));
+      }
+    EXPECT_EQ(regions, (std::vector<std::string>{"0-59@60", "60-99@72"}));
+    const float* samples = waves[0]->GetSamplesForRead();
+    ASSERT_NE(samples, nullptr);
+    EXPECT_FLOAT_EQ(samples[3], 96.0f / 128.0f);
+  }
+  // The sample alone, as an .its file.
+  const std::vector<uint8_t> iti = MakeIti(0x0214);
+  std::vector<uint8_t> its(iti.begin() + 554, iti.end());
+  Put32(its, 0x48, 80);
+  Collection collection;
+  ASSERT_TRUE(ReadWith(ReadItSample, collection, scratch, its));
+  ASSERT_EQ(collection.CountOf(ItemType::Waveform), 1u);
+  EXPECT_EQ(collection.CountOf(ItemType::Instrument), 0u);
+}
+
+TEST(TrackerModules, SignaturesAndRefusals) {
+  test::ScratchDir scratch;
+  const std::vector<uint8_t> junk(2048, 0x11);
+  const struct {
+    FormatReader reader;
+    const char* text;
+  } refusals[] = {
+      {ReadXmModule, "Not an XM - Extended Module file"},
+      {ReadS3mModule, "Not an S3M module!"},
+      {ReadItModule, "Not an Impulse Tracker file"},
+      {ReadItInstrument, "Not an Impulse Tracker file"},
+      {ReadItSample, "Not an Impulse Tracker file"},
+      {ReadOtherModule<ModuleKind::MultiTracker>, "Not a MultiTracker module"},
+      {ReadOtherModule<ModuleKind::Farandole>, "Not a Farandole module"},
+  };
+  for (const auto& refusal : refusals) {
+    Collection collection;
+    EXPECT_FALSE(ReadWith(refusal.reader, collection, scratch, junk));
+    EXPECT_EQ(LastError(), refusal.text);
+  }
+  // An XM without instruments reads and yields nothing.
+  std::vector<uint8_t> xm(60 + 276, 0);
+  std::memcpy(xm.data(), "Extended Module: Empty", 22);
+  Put32(xm, 60, 276);
+  Collection collection;
+  EXPECT_TRUE(ReadWith(ReadXmModule, collection, scratch, xm));
+  EXPECT_EQ(collection.CountOf(ItemType::Waveform) + collection.CountOf(ItemType::Instrument), 0u);
+  EXPECT_EQ(collection.GetName(), "Empty");
+  // Each corpus module is detected by its content under a neutral name.
+  ORLIN_REQUIRE_TESTDATA();
+  const std::map<std::string, std::string> expected = {
+      {"debian/cerror-bomberclone_numero_2.xm", "xm"}, {"debian/decision.s3m", "s3m"},
+      {"debian/the_big_march_in_space.it", "it"},       {"debian/high-score.mod", "mod"},
+      {"libxmp/TEMPO.MTM", "mtm"},                      {"libxmp/far_effect1.far", "far"},
+      {"libxmp/porta.ult", "ult"},                      {"libxmp/OKT.Yes-PartII", "okt"},
+      {"libxmp/hold.med", "med"},                       {"libxmp/pattern_jump_ptm_break.ptm", "ptm"},
+  };
+  for (const auto& [name, extension] : expected) {
+    const std::vector<uint8_t> head = test::ReadBytes((test::TestDataDir() / "modules" / name).string());
+    int32_t confidence = 0;
+    const int32_t row = DetectFormatOfHead("file.bin", head.data(), uint32_t(std::min<size_t>(head.size(), kDetectHeadBytes)),
+                                           head.size(), confidence);
+    EXPECT_EQ(GetRowExtension(row), extension) << name;
+  }
+}
+
+}  // namespace
+}  // namespace orlin
