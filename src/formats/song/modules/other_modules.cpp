@@ -219,7 +219,7 @@ void ReadUlt(Collection* collection, const Bytes& bytes) {
   // Pattern data: one track of 64 rows per channel and pattern, with 0xFC runs of a repeated event.
   for (uint64_t track = 0; track < uint64_t(channels) * patterns && !reader.failed; ++track)
     for (uint32_t row = 0; row < 64 && !reader.failed;) {
-      if (reader.Here()[0] == 0xFC && reader.CanRead(7)) {
+      if (reader.CanRead(7) && reader.Here()[0] == 0xFC) {
         reader.U8();
         const uint32_t repeat = reader.U8();
         reader.Skip(5);

@@ -20,9 +20,7 @@ namespace {
 constexpr char kXmSignature[] = "Extended Module: ";
 constexpr size_t kSignatureBytes = 17;
 constexpr size_t kHeadBytes = 60;
-constexpr size_t kHeaderBytes = 276;       // the header as its size field counts it
 constexpr size_t kInstrumentHeadBytes = 29;
-constexpr size_t kInstrumentExtensionBytes = 214;
 constexpr size_t kSampleHeaderBytes = 40;
 constexpr int kKeyMapEntries = 96;
 constexpr int kKeyOffset = 12;  // key map entry 0 is C-0, which plays as MIDI key 12
