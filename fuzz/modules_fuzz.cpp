@@ -28,6 +28,7 @@ constexpr orlin::FormatReader kReaders[] = {
     orlin::ReadOtherModule<ModuleKind::UltraTracker>,
     orlin::ReadOtherModule<ModuleKind::Oktalyzer>,
     orlin::ReadOtherModule<ModuleKind::PolyTracker>,
+    orlin::ReadOtherModule<ModuleKind::OctaMed>,
 };
 
 std::string ScratchFolder() {

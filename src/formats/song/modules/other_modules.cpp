@@ -1,6 +1,6 @@
 // The smaller module formats of the sample road. Each has its signature and its refusal text; 669,
-// MultiTracker, ScreamTracker 2, Farandole, UltraTracker, Oktalyzer and PolyTracker samples are read.
-// The rest (Extreme and Velvet AMS, XTracker, DSM, Digitrakker, OctaMED, PSM, Unreal packages) are
+// MultiTracker, ScreamTracker 2, Farandole, UltraTracker, Oktalyzer, PolyTracker and OctaMED samples
+// are read. The rest (Extreme and Velvet AMS, XTracker, DSM, Digitrakker, PSM, Unreal packages) are
 // recognised and skipped: their samples sit behind packing or containers not read here.
 #include <algorithm>
 #include <cmath>
@@ -306,6 +306,72 @@ void ReadPtm(Collection* collection, const Bytes& bytes) {
   }
 }
 
+// OctaMED: big-endian offsets at fixed places of the head; the song's 63 sample records hold the loops,
+// the sample array points at each instrument's data (a length and a type word, then the samples), and
+// the expansion block's instrument info holds the names. Multi-octave instruments keep their octaves
+// one after another, each twice the length of the one before.
+void ReadMed(Collection* collection, const Bytes& bytes) {
+  constexpr size_t kRecordBytes = 8, kSampleCountOffset = 787, kNameBytes = 40;
+  // Octaves stored for the multi-octave types 1 to 7.
+  constexpr int kOctaves[8] = {1, 5, 3, 2, 4, 6, 7, 1};
+  SpanReader reader(bytes.data(), bytes.size());
+  reader.Seek(8);
+  const uint32_t song = reader.U32be();
+  reader.Seek(24);
+  const uint32_t sampleArray = reader.U32be();
+  reader.Seek(32);
+  const uint32_t expansion = reader.U32be();
+  reader.Seek(size_t(song) + kSampleCountOffset);
+  const uint32_t count = reader.U8();
+  uint32_t infoOffset = 0, infoEntries = 0, infoSize = 0;
+  if (expansion) {
+    SpanReader info(bytes.data(), bytes.size());
+    info.Seek(size_t(expansion) + 20);
+    infoOffset = info.U32be();
+    infoEntries = info.U16be();
+    infoSize = info.U16be();
+    if (info.failed) infoEntries = 0;
+  }
+  for (uint32_t i = 0; i < count && !reader.failed; ++i) {
+    SpanReader record(bytes.data(), bytes.size());
+    record.Seek(size_t(song) + i * kRecordBytes);
+    const uint32_t loopStart = uint32_t(record.U16be()) * 2;  // in words
+    const uint32_t loopLength = uint32_t(record.U16be()) * 2;
+    record.Seek(size_t(sampleArray) + i * 4);
+    const uint32_t pointer = record.U32be();
+    if (record.failed || pointer == 0) continue;
+    record.Seek(pointer);
+    const uint32_t lengthBytes = record.U32be();
+    const int16_t type = int16_t(record.U16be());
+    if (record.failed || type < 0) continue;  // synthetic and hybrid instruments hold no plain sample
+    std::string name;
+    if (i < infoEntries && infoSize >= kNameBytes) {
+      SpanReader names(bytes.data(), bytes.size());
+      names.Seek(size_t(infoOffset) + size_t(i) * infoSize);
+      name = names.Text(kNameBytes);
+    }
+    const bool sixteenBit = type & 0x10;
+    const uint8_t channels = (type & 0x20) ? 2 : 1;
+    const uint32_t width = (sixteenBit ? 2 : 1) * channels;
+    const int octaves = kOctaves[type & 7];
+    // Octave k (from the shortest) is 2^k units long; the whole is 2^octaves - 1 units.
+    const uint32_t unit = lengthBytes / width / ((1u << octaves) - 1);
+    uint64_t offset = pointer + 6u;
+    for (int octave = 0; octave < octaves; ++octave) {
+      ModuleSample sample;
+      sample.name = name;
+      sample.storage = sixteenBit ? kStoragePcm16 : kStoragePcm8;
+      sample.flags = sixteenBit ? kSourceBigEndian : 0;
+      sample.channels = channels;
+      sample.offset = offset;
+      sample.frames = octaves == 1 ? lengthBytes / width : unit << octave;
+      if (loopLength > 2) SetLoop(sample, (loopStart / width) << octave, ((loopStart + loopLength) / width) << octave);
+      MakeModuleWave(collection, sample, bytes.size());
+      offset += uint64_t(sample.frames) * width;
+    }
+  }
+}
+
 }  // namespace
 
 template <ModuleKind kind>
@@ -331,6 +397,7 @@ bool ReadOtherModule(Collection* collection, FileObject* file, uint32_t) {
     case ModuleKind::UltraTracker: ReadUlt(collection, bytes); break;
     case ModuleKind::Oktalyzer: ReadOkt(collection, bytes); break;
     case ModuleKind::PolyTracker: ReadPtm(collection, bytes); break;
+    case ModuleKind::OctaMed: ReadMed(collection, bytes); break;
     default: break;  // recognised and skipped
   }
   return true;
