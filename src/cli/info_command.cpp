@@ -7,6 +7,7 @@
 #include "core/last_error.h"
 #include "core/pipeline.h"
 #include "core/text.h"
+#include "formats/song/midi.h"
 
 namespace orlin::cli {
 
@@ -109,11 +110,18 @@ std::vector<std::string> DescribeTree(const Collection& collection) {
   for (const Waveform* wave : collection.All<Waveform>())
     lines.push_back("  waveform \"" + wave->GetName() + "\": " + WaveFacts(*wave));
   for (const Song* song : collection.All<Song>()) {
-    lines.push_back("  song \"" + song->GetName() + "\": format " + std::to_string(song->format) + ", " +
-                    std::to_string(song->children.size()) + " tracks");
+    char seconds[32];
+    std::snprintf(seconds, sizeof seconds, "%.2f s", SongDurationSeconds(*song));
+    lines.push_back("  song \"" + song->GetName() + "\": " + SongInfoLine(*song) + ", " +
+                    std::to_string(song->children.size()) + " tracks, " + seconds);
     for (uint32_t trackId : song->children)
-      if (const Track* track = collection.Find<Track>(trackId))
-        lines.push_back("    track \"" + track->GetName() + "\", " + std::to_string(track->data.size()) + " bytes");
+      if (const Track* track = collection.Find<Track>(trackId)) {
+        const uint8_t channel = track->firstChannel;
+        const std::string channelText = channel == 255 ? "no channel" : channel == 254 ? "several channels"
+                                                                                       : "channel " + std::to_string(channel + 1);
+        lines.push_back("    track \"" + track->GetName() + "\", " + std::to_string(track->data.size()) + " bytes, " +
+                        std::to_string(CountTrackEvents(*track)) + " events, " + channelText);
+      }
   }
   return lines;
 }
