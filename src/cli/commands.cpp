@@ -78,6 +78,14 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
   info->add_option("files", infoFiles, "Files to inspect")->required();
   info->add_flag("--json", infoJson, "JSON output");
 
+  bool paramsJson = false;
+  auto* params = app.add_subcommand("params", "List the parameter table");
+  params->add_flag("--json", paramsJson, "JSON output");
+
+  std::vector<std::string> settingsArguments;
+  auto* settings = app.add_subcommand("settings", "Show or change stored settings: list, get NAME, set NAME VALUE");
+  settings->add_option("arguments", settingsArguments, "list | get NAME | set NAME VALUE");
+
   ConvertRequest convert;
   bool yes = false, no = false;
   auto* convertCommand = app.add_subcommand("convert", "Convert files to another format");
@@ -115,6 +123,8 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
   } restore;
 
   if (*formats) return RunFormats(readable, writable, formatsJson, out);
+  if (*params) return RunParams(paramsJson, out);
+  if (*settings) return RunSettings(settingsArguments, out, err);
   if (*info) return RunInfo(infoFiles, infoJson, out, err);
   if (*convertCommand) {
     if (convert.toExtension.empty() && convert.row < 0) {

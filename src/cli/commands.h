@@ -37,6 +37,10 @@ class TerminalUserInterface : public UserInterface {
 };
 
 int RunFormats(bool readable, bool writable, bool json, std::ostream& out);
+// The parameter table: every row, and the FX slot rows of each effect type.
+int RunParams(bool json, std::ostream& out);
+// `orlin settings list|get NAME|set NAME VALUE` on the stored settings file.
+int RunSettings(const std::vector<std::string>& arguments, std::ostream& out, std::ostream& err);
 int RunInfo(const std::vector<std::string>& files, bool json, std::ostream& out, std::ostream& err);
 
 struct ConvertRequest {
