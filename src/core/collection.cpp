@@ -6,6 +6,7 @@
 #include <unordered_set>
 
 #include "core/file_object.h"
+#include "core/fixup.h"
 #include "core/last_error.h"
 #include "core/pcm.h"
 #include "core/pipeline.h"
@@ -368,17 +369,7 @@ void Waveform::SetPcmSourceByFormat(uint32_t storage, uint32_t flags) {
   decoder = GenericPcmDecoder();
 }
 
-void Waveform::FixUp() {
-  Item::FixUp();
-  if (GetName().empty()) AssignDefaultName();
-  if (bits == 0) bits = uint8_t(BitsOf(DataFormatStorage(dataFormat)));
-  if (bits == 0) bits = 16;
-  if (sampleRate == 0) sampleRate = 22050;
-  rootKey = std::min<uint8_t>(rootKey, 127);
-  fineTune = std::clamp<int8_t>(fineTune, -100, 100);
-  loop.Normalise(length, false);
-  if (markers.size() > kMaxMarkers) markers.resize(kMaxMarkers);
-}
+void Waveform::FixUp() { FixUpWaveform(*this); }
 
 float Waveform::GetParam(ParamId id) const {
   switch (id) {
@@ -498,15 +489,7 @@ const std::string& Region::GetName() const {
   return generatedName_;
 }
 
-void Region::FixUp() {
-  Item::FixUp();
-  if (range.loKey > range.hiKey) std::swap(range.loKey, range.hiKey);
-  if (range.loVelocity > range.hiVelocity) std::swap(range.loVelocity, range.hiVelocity);
-  const Waveform* wave = GetWave();
-  if (wave && startOffset > int32_t(wave->length)) startOffset = int32_t(wave->length);
-  if (startOffset < 0) startOffset = 0;
-  if (endOffset > 0) endOffset = 0;
-}
+void Region::FixUp() { FixUpRegion(*this); }
 
 bool Region::Preload() { return Item::Preload(); }
 
@@ -596,7 +579,7 @@ Layer::~Layer() {
   if (Item* parent = Parent()) parent->RemoveChild(id);
 }
 
-void Layer::FixUp() { Item::FixUp(); }
+void Layer::FixUp() { FixUpLayer(*this); }
 
 bool Layer::Preload() { return Item::Preload(); }
 
@@ -774,18 +757,7 @@ void Instrument::SetPatch(int majorBank, int minorBank, int program, bool drum) 
           (drum ? 1u << 21 : 0u);
 }
 
-void Instrument::FixUp() {
-  Item::FixUp();
-  if (GetName().empty()) AssignDefaultName();
-  int number = 1;
-  for (uint32_t childId : children) {
-    if (Layer* layer = collection->Find<Layer>(childId)) {
-      layer->drumFlag = IsDrumKit();
-      if (layer->GetName().empty()) layer->SetName("Layer " + std::to_string(number));
-      ++number;
-    }
-  }
-}
+void Instrument::FixUp() { FixUpInstrument(*this); }
 
 bool Instrument::Preload() { return Item::Preload(); }
 
