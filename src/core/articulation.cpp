@@ -101,7 +101,8 @@ float RoundToGrid(uint8_t kind, float value) {
     default: return value;
   }
   // Symmetric: half a step away from zero, then cut toward zero.
-  double scaled = double(value) * steps;
+  // The product is taken in single precision, as the stored value is: -0.005 * 100 is then -0.5.
+  double scaled = double(value * float(steps));
   scaled = std::trunc(scaled >= 0.0 ? scaled + 0.5 : scaled - 0.5);
   return float(scaled / steps);
 }
