@@ -12,6 +12,9 @@
 #include <vector>
 
 #include "core/collection.h"
+#include "core/format_table.h"
+#include "core/last_error.h"
+#include "core/normalisers.h"
 #include "core/pcm.h"
 #include "core/settings.h"
 #include "core/text.h"
@@ -268,8 +271,11 @@ void FixUpWaveform(Waveform& wave) {
   wave.gain = std::isfinite(wave.gain) ? std::round(std::clamp(wave.gain, -96.0f, 96.0f) * 100.0f) / 100.0f : 0.0f;
   wave.loop.Normalise(wave.length, HasFeature(features, kFeatureFractionalLoops));
   if (!HasFeature(features, kFeatureLoopTune)) wave.loop.tune = 0.0f;
-  // Reverse and alternating loops play forward where the user keeps no such loops.
-  if (!HasFeature(features, kFeatureReverseLoops) && (wave.loop.type == 2 || wave.loop.type == 3)) wave.loop.type = 1;
+  // Reverse and alternating loops are rewritten to play forward where the user keeps no such loops;
+  // without samples at hand the loop at least plays forward.
+  if (!HasFeature(features, kFeatureReverseLoops) && (wave.loop.type == 2 || wave.loop.type == 3) && wave.length > 0 &&
+      !RewriteLoops(wave, true, true, false))
+    wave.loop.type = 1;
   for (Marker& marker : wave.markers)
     if (marker.section && marker.end < marker.start) std::swap(marker.start, marker.end);
   std::erase_if(wave.markers, [&](const Marker& marker) { return marker.start >= wave.length; });
@@ -595,10 +601,23 @@ void FixUpItems(Collection& collection, uint8_t typeMask, bool afterLoad) {
     if (settings.loadAutoMoveArticulation) MoveArticulationUp(collection, true, true, true, false);
     if (settings.loadAutoMoveTriggerParams)
       for (Layer* layer : collection.All<Layer>()) MoveTriggerParamsUp(*layer);
+    if (settings.loadAutoSplitStereo) SplitStereo(collection);
+    // A format that can hold stereo means what it says with two mono waves.
+    constexpr uint32_t kCapsStereo = 1u << 21;
+    const FormatEntry* source = GetFormatRow(collection.sourceRow);
+    if (settings.loadAutoMergeStereo && !(source && (source->caps & kCapsStereo))) MergeDualMono(collection);
     if (settings.loadAutoCompactLayers) {
       const bool regionLevelOff = !HasFeature(settings.features, kFeatureRegionLevel);
       for (Instrument* instrument : collection.All<Instrument>().ToVector()) CompactLayers(*instrument, true, regionLevelOff);
     }
+    if (settings.loadAutoBid2Fwd || settings.loadAutoAppend32) {
+      for (Waveform* wave : collection.All<Waveform>()) {
+        if (wave->loop.type == 0) continue;
+        if (!RewriteLoops(*wave, settings.loadAutoBid2Fwd, settings.loadAutoBid2Fwd, settings.loadAutoAppend32))
+          Ui().Warn("Error!", LastError());
+      }
+    }
+    // Sorting the wave list and the tree (normalisers 8 and 9) belongs to the panes.
   }
 
   // 6. Unique patches.
