@@ -77,6 +77,8 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
   auto* info = app.add_subcommand("info", "Detect files and show the items they hold");
   info->add_option("files", infoFiles, "Files to inspect")->required();
   info->add_flag("--json", infoJson, "JSON output");
+  std::string infoParams;
+  info->add_option("--params", infoParams, "List the parameters of an item: a name, TYPE:N or an id");
 
   bool paramsJson = false;
   auto* params = app.add_subcommand("params", "List the parameter table");
@@ -125,7 +127,7 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
   if (*formats) return RunFormats(readable, writable, formatsJson, out);
   if (*params) return RunParams(paramsJson, out);
   if (*settings) return RunSettings(settingsArguments, out, err);
-  if (*info) return RunInfo(infoFiles, infoJson, out, err);
+  if (*info) return RunInfo(infoFiles, infoJson, out, err, infoParams);
   if (*convertCommand) {
     if (convert.toExtension.empty() && convert.row < 0) {
       err << "convert: give --to EXT or --row N\n";

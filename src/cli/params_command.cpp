@@ -1,10 +1,13 @@
 // `orlin params`: the parameter table as text or JSON, every one of the 263 rows with its kind,
 // unit, bounds, control and flags, and for the FX slot ids the rows each effect type shows.
 #include <cstdio>
+#include <cstdlib>
 
 #include "cli/commands.h"
 #include "cli/json.h"
 #include "core/articulation.h"
+#include "core/collection.h"
+#include "core/settings.h"
 
 namespace orlin::cli {
 
@@ -26,7 +29,69 @@ void WriteRow(JsonWriter& writer, const ParamInfo& row) {
       .Key("flags").Value(int(row.flags));
 }
 
+// The parameters an item offers, in id order: the rows its GetParamInfo answers with a kind.
+std::vector<std::pair<ParamId, const ParamInfo*>> OfferedParams(const Item& item) {
+  std::vector<std::pair<ParamId, const ParamInfo*>> out;
+  for (ParamId id = 0; id < kParamCount; ++id) {
+    if (id >= kFirstTextParam && id < kFirstWaveParam) continue;  // texts are shown by the tree
+    const ParamInfo* row = item.GetParamInfo(id);
+    if (row && row->kind != kKindNone) out.push_back({id, row});
+  }
+  return out;
+}
+
 }  // namespace
+
+std::vector<const Item*> SelectItems(const Collection& collection, const std::string& selector) {
+  std::vector<const Item*> out;
+  const size_t colon = selector.find(':');
+  if (colon != std::string::npos) {
+    const std::string word = selector.substr(0, colon);
+    const long index = std::strtol(selector.c_str() + colon + 1, nullptr, 10);
+    long seen = 0;
+    for (const Item* item : collection.AllItems())
+      if (word == ItemTypeWord(uint32_t(item->Type())) && seen++ == index) out.push_back(item);
+    return out;
+  }
+  if (selector.rfind("0x", 0) == 0) {
+    if (const Item* item = collection.FindItem(uint32_t(std::strtoul(selector.c_str(), nullptr, 16)))) out.push_back(item);
+    return out;
+  }
+  for (const Item* item : collection.AllItems())
+    if (item->GetName() == selector) out.push_back(item);
+  return out;
+}
+
+std::vector<std::string> DescribeParams(const Item& item) {
+  std::vector<std::string> lines;
+  const bool midCIsC3 = GetSettings().midCIsC3;
+  for (const auto& [id, row] : OfferedParams(item)) {
+    char line[512];
+    const std::string value = FormatParamValue(*row, item.GetParam(id), midCIsC3);
+    std::snprintf(line, sizeof line, "%3u %c %s: %s %s", unsigned(id), item.IsParamSet(id) ? '*' : ' ', row->name,
+                  value.c_str(), row->kind == kKindPercent ? "" : UnitLabel(row->unit));
+    std::string text = line;
+    while (!text.empty() && text.back() == ' ') text.pop_back();
+    lines.push_back(text);
+  }
+  return lines;
+}
+
+void ParamsJson(JsonWriter& json, const Item& item) {
+  json.BeginObject()
+      .Key("type").Value(ItemTypeWord(uint32_t(item.Type())))
+      .Key("name").Value(item.GetName())
+      .Key("params").BeginArray();
+  for (const auto& [id, row] : OfferedParams(item))
+    json.BeginObject()
+        .Key("id").Value(int(id))
+        .Key("name").Value(row->name)
+        .Key("value").Value(double(item.GetParam(id)))
+        .Key("text").Value(FormatParamValue(*row, item.GetParam(id), GetSettings().midCIsC3))
+        .Key("set").Value(item.IsParamSet(id))
+        .EndObject();
+  json.EndArray().EndObject();
+}
 
 int RunParams(bool json, std::ostream& out) {
   if (!json) {
