@@ -143,6 +143,17 @@ std::string Trim(const std::string& text) {
   return text.substr(first, text.find_last_not_of(" \t\r") - first + 1);
 }
 
+// As Trim, but a blank escaped by an odd run of backslashes at the end stays.
+std::string TrimValue(const std::string& text) {
+  std::string out = Trim(text);
+  const size_t rawEnd = text.find_last_not_of(" \t\r");
+  if (out.empty() || rawEnd == std::string::npos || rawEnd + 1 >= text.size()) return out;
+  size_t slashes = 0;
+  for (size_t i = rawEnd + 1; i-- > 0 && text[i] == '\\';) ++slashes;
+  if (slashes % 2 == 1) out += text[rawEnd + 1];
+  return out;
+}
+
 template <typename T>
 bool ParseNumber(const std::string& text, T& out) {
   const char* begin = text.data();
@@ -156,11 +167,17 @@ bool ParseNumber(const std::string& text, T& out) {
   return true;
 }
 
+// Backslash escapes keep a value on one line and keep blanks at its ends, which reading trims.
 std::string Escape(const std::string& text) {
   std::string out;
-  for (char c : text) {
+  for (size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    const bool atEdge = i == 0 || i + 1 == text.size();
     if (c == '\\') out += "\\\\";
     else if (c == '\n') out += "\\n";
+    else if (c == '\r') out += "\\r";
+    else if (c == '\t' && atEdge) out += "\\t";
+    else if (c == ' ' && atEdge) out += "\\ ";
     else out += c;
   }
   return out;
@@ -170,8 +187,8 @@ std::string Unescape(const std::string& text) {
   std::string out;
   for (size_t i = 0; i < text.size(); ++i) {
     if (text[i] == '\\' && i + 1 < text.size()) {
-      out += text[i + 1] == 'n' ? '\n' : text[i + 1];
-      ++i;
+      const char next = text[++i];
+      out += next == 'n' ? '\n' : next == 'r' ? '\r' : next == 't' ? '\t' : next;
     } else {
       out += text[i];
     }
@@ -306,7 +323,7 @@ void ParseSettingsText(Settings& settings, const std::string& text) {
   std::istringstream in(text);
   std::string line;
   while (std::getline(in, line)) {
-    if (!line.empty() && line.back() == '\r') line.pop_back();
+    while (!line.empty() && line.back() == '\r') line.pop_back();
     const size_t equals = line.find('=');
     const Field* field = equals == std::string::npos ? nullptr : FindField(Trim(line.substr(0, equals)));
     if (!field) {
@@ -315,7 +332,7 @@ void ParseSettingsText(Settings& settings, const std::string& text) {
       continue;
     }
     // A value that does not read stays at its default.
-    ReadField(settings, *field, Trim(line.substr(equals + 1)));
+    ReadField(settings, *field, TrimValue(line.substr(equals + 1)));
   }
   Settle(settings);
 }
