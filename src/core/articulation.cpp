@@ -378,3 +378,70 @@ Articulation MergeArticulations(const std::vector<const Articulation*>& sources)
 }
 
 }  // namespace orlin
+
+namespace orlin {
+
+namespace {
+
+// Depth rows of each LFO: P to pitch, V to volume, F to cutoff, X to pitch; base, mod wheel,
+// aftertouch, velocity.
+constexpr ParamId kLfoDepthRows[4][4] = {{3, 4, 5, 6}, {19, 20, 21, 22}, {29, 30, 31, 32}, {7, 8, 9, 10}};
+constexpr ParamId kXLfoToPan = 54;
+constexpr float kPanStrengthScale = 24.0f;  // pan depth counts as this many semitones or dB
+
+float DepthStrength(const float* values, const ParamId rows[4]) {
+  const float base = values[rows[0]];
+  float strength = std::fabs(base);
+  for (int i = 1; i < 4; ++i) strength = std::max(strength, std::fabs(base + values[rows[i]]));
+  return strength;
+}
+
+}  // namespace
+
+std::vector<MergedLfo> MergeLfos(const Articulation& art, int count, uint32_t firstMask, uint32_t secondMask) {
+  std::vector<MergedLfo> slots(size_t(std::max(count, 0)));
+  std::vector<float> work(art.Values(), art.Values() + kArticulationParamCount);
+  for (MergedLfo& slot : slots) {
+    const uint32_t reach = &slot == &slots[0] ? firstMask : secondMask;
+    std::array<float, 4> strength{};
+    if (reach & kReachPitchLfo) strength[0] = DepthStrength(work.data(), kLfoDepthRows[0]);
+    if (reach & kReachVolumeLfo) strength[1] = DepthStrength(work.data(), kLfoDepthRows[1]);
+    if (reach & kReachFilterLfo) strength[2] = DepthStrength(work.data(), kLfoDepthRows[2]);
+    if (reach & kReachPitchByXLfo) strength[3] = DepthStrength(work.data(), kLfoDepthRows[3]);
+    if (reach & kReachPanByXLfo) strength[3] = std::max(strength[3], std::fabs(work[kXLfoToPan]) * kPanStrengthScale);
+    // A tie goes to the V-LFO, then the F-LFO, the X-LFO and the P-LFO.
+    int strongest = -1;
+    for (int lfo : {1, 2, 3, 0})
+      if (strength[lfo] > 0.0f && (strongest < 0 || strength[lfo] > strength[strongest])) strongest = lfo;
+    if (strongest < 0) break;  // nothing left: this and the later slots stay empty
+    auto timing = [&](int lfo) {
+      const float* at = &work[kParamFirstLfo + 4 * lfo];
+      return std::array<int, 3>{int(at[0]), int(at[1] * 10.0f + 0.5f), int(2.0f * (at[2] + at[3]) + 1.0f)};
+    };
+    slot.lfo = art.GetLfo(strongest);
+    slot.empty = false;
+    const std::array<int, 3> key = timing(strongest);
+    for (int lfo = 0; lfo < 4; ++lfo) {
+      if (strength[lfo] <= 0.0f || timing(lfo) != key) continue;
+      auto take = [&](std::array<float, 4>& into, int rowsOf) {
+        for (int i = 0; i < 4; ++i) {
+          into[i] += work[kLfoDepthRows[rowsOf][i]];
+          work[kLfoDepthRows[rowsOf][i]] = 0.0f;
+        }
+      };
+      if (lfo == 0) take(slot.toPitch, 0);
+      if (lfo == 1) take(slot.toVolume, 1);
+      if (lfo == 2) take(slot.toCutoff, 2);
+      if (lfo == 3) {
+        if (reach & kReachPitchByXLfo) take(slot.toPitch, 3);
+        if (reach & kReachPanByXLfo) {
+          slot.toPan += work[kXLfoToPan];
+          work[kXLfoToPan] = 0.0f;
+        }
+      }
+    }
+  }
+  return slots;
+}
+
+}  // namespace orlin

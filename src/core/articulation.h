@@ -173,3 +173,25 @@ std::vector<ParamId> LinkedParams(ParamId id, uint64_t features);
 Articulation MergeArticulations(const std::vector<const Articulation*>& sources);
 
 }  // namespace orlin
+
+namespace orlin {
+
+// One modulator slot of a format with fewer LFOs than four: the shape and timing of the strongest
+// LFO it takes, and the depths (base, mod wheel, aftertouch, velocity) of every LFO that joined.
+struct MergedLfo {
+  LfoRecord lfo;
+  std::array<float, 4> toPitch{};
+  std::array<float, 4> toVolume{};
+  std::array<float, 4> toCutoff{};
+  float toPan = 0.0f;
+  bool empty = true;
+};
+// Destinations a format's modulator can reach.
+enum LfoReach : uint32_t {
+  kReachPitchLfo = 1, kReachVolumeLfo = 2, kReachFilterLfo = 4, kReachPanByXLfo = 8, kReachPitchByXLfo = 16,
+};
+// Folds the four LFOs of `art` into `count` slots; the first slot reaches `firstMask`, the others
+// `secondMask`. LFOs of the same shape, rate (0.1 Hz) and start time share a slot.
+std::vector<MergedLfo> MergeLfos(const Articulation& art, int count, uint32_t firstMask, uint32_t secondMask);
+
+}  // namespace orlin

@@ -282,3 +282,29 @@ TEST(ParamMerge, MeansAndCountedModes) {
 
 }  // namespace
 }  // namespace orlin
+
+namespace orlin {
+namespace {
+
+TEST(ParamMerge, LfosFoldIntoFewerSlots) {
+  Articulation art;
+  art.Set(19, 3.0f);   // V-LFO to volume
+  art.Set(3, 0.5f);    // P-LFO to pitch, same shape and rate: joins the V-LFO's slot
+  art.Set(29, 12.0f);  // F-LFO to cutoff, strongest, but another rate
+  art.Set(74, 2.0f);
+  std::vector<MergedLfo> slots = MergeLfos(art, 2, kReachPitchLfo | kReachVolumeLfo | kReachFilterLfo, kReachFilterLfo);
+  ASSERT_EQ(slots.size(), 2u);
+  EXPECT_EQ(slots[0].lfo.frequency, 2.0f);
+  EXPECT_EQ(slots[0].toCutoff[0], 12.0f);
+  EXPECT_EQ(slots[0].toVolume[0], 0.0f);
+  // The second slot reaches only the filter, and the F-LFO is used up.
+  EXPECT_TRUE(slots[1].empty);
+
+  slots = MergeLfos(art, 1, kReachPitchLfo | kReachVolumeLfo, 0);
+  EXPECT_EQ(slots[0].toVolume[0], 3.0f);
+  EXPECT_EQ(slots[0].toPitch[0], 0.5f);
+  EXPECT_TRUE(MergeLfos(Articulation(), 1, 31, 31)[0].empty);
+}
+
+}  // namespace
+}  // namespace orlin
