@@ -175,7 +175,7 @@ void Articulation::Reset() {
 }
 
 void Articulation::Set(ParamId id, float value) {
-  if (id >= kArticulationParamCount) return;
+  if (id >= kArticulationParamCount || std::isnan(value)) return;
   const ParamInfo& row = kParamRows[id];
   value = RoundToGrid(row.kind, value);
   if (row.kind != kKindNone) value = std::clamp(value, row.minValue, row.maxValue);

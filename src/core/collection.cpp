@@ -119,6 +119,7 @@ namespace {
 // kinds are rounded to integers, the delay (201) to its time grid.
 void StoreTrigger(TriggerRange& range, ParamId id, float value, bool asSet) {
   const ParamInfo* row = GetParamRow(id);
+  if (std::isnan(value)) value = row->defaultValue;
   value = RoundToGrid(row->kind, value);
   if (row->kind != kKindTime) value = std::round(value);
   value = std::clamp(value, row->minValue, row->maxValue);
@@ -393,6 +394,7 @@ const ParamInfo* Waveform::GetParamInfo(ParamId id) const {
   return Item::GetParamInfo(id);
 }
 void Waveform::SetParam(ParamId id, float value) {
+  if (std::isnan(value)) return;  // a reader's garbage never reaches an integer field
   switch (id) {
     case 204: loop.type = uint8_t(std::clamp(value, 0.0f, 3.0f)); break;
     case 205: loop.release = value != 0.0f; break;
@@ -517,6 +519,7 @@ float Region::GetParam(ParamId id) const {
   }
 }
 void Region::SetParam(ParamId id, float value) {
+  if (std::isnan(value)) return;  // a reader's garbage never reaches an integer field
   if (id < kArticulationParamCount) {
     articulation.Set(id, value);
     return;
@@ -595,6 +598,7 @@ float Layer::GetParam(ParamId id) const {
   return 0.0f;
 }
 void Layer::SetParam(ParamId id, float value) {
+  if (std::isnan(value)) return;  // a reader's garbage never reaches an integer field
   if (id < kArticulationParamCount) articulation.Set(id, value);
   else if (IsTriggerParam(id)) StoreTrigger(range, id, value, true);
 }
@@ -777,6 +781,7 @@ float Instrument::GetParam(ParamId id) const {
 }
 
 void Instrument::SetParam(ParamId id, float value) {
+  if (std::isnan(value)) return;  // a reader's garbage never reaches an integer field
   if (id < kArticulationParamCount) {
     articulation.Set(id, value);
     return;
