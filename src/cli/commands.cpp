@@ -80,6 +80,16 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
   bool infoYes = false, infoNo = false;
   info->add_flag("--yes", infoYes, "Answer every question with its first choice (read unknown files as raw)");
   info->add_flag("--no", infoNo, "Answer every question with no / skip");
+  std::string infoParams;
+  info->add_option("--params", infoParams, "List the parameters of an item: a name, TYPE:N or an id");
+
+  bool paramsJson = false;
+  auto* params = app.add_subcommand("params", "List the parameter table");
+  params->add_flag("--json", paramsJson, "JSON output");
+
+  std::vector<std::string> settingsArguments;
+  auto* settings = app.add_subcommand("settings", "Show or change stored settings: list, get NAME, set NAME VALUE");
+  settings->add_option("arguments", settingsArguments, "list | get NAME | set NAME VALUE");
 
   ConvertRequest convert;
   bool yes = false, no = false;
@@ -120,7 +130,9 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
   } restore;
 
   if (*formats) return RunFormats(readable, writable, formatsJson, out);
-  if (*info) return RunInfo(infoFiles, infoJson, out, err);
+  if (*params) return RunParams(paramsJson, out);
+  if (*settings) return RunSettings(settingsArguments, out, err);
+  if (*info) return RunInfo(infoFiles, infoJson, out, err, infoParams);
   if (*convertCommand) {
     if (convert.toExtension.empty() && convert.row < 0) {
       err << "convert: give --to EXT or --row N\n";

@@ -37,7 +37,19 @@ class TerminalUserInterface : public UserInterface {
 };
 
 int RunFormats(bool readable, bool writable, bool json, std::ostream& out);
-int RunInfo(const std::vector<std::string>& files, bool json, std::ostream& out, std::ostream& err);
+// The parameter table: every row, and the FX slot rows of each effect type.
+int RunParams(bool json, std::ostream& out);
+// `orlin settings list|get NAME|set NAME VALUE` on the stored settings file.
+int RunSettings(const std::vector<std::string>& arguments, std::ostream& out, std::ostream& err);
+// `paramsItem`: also list the parameters of the items it names (a name, "region:3" the fourth region,
+// or an id such as 0x40000000).
+int RunInfo(const std::vector<std::string>& files, bool json, std::ostream& out, std::ostream& err,
+            const std::string& paramsItem = "");
+// Items of the collection that `selector` names, in insertion order.
+std::vector<const Item*> SelectItems(const Collection& collection, const std::string& selector);
+// One line per parameter the item offers: id, label, printed value, '*' when set at this level.
+std::vector<std::string> DescribeParams(const Item& item);
+void ParamsJson(class JsonWriter& json, const Item& item);
 
 struct ConvertRequest {
   std::vector<std::string> inputs;

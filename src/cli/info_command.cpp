@@ -126,7 +126,8 @@ std::vector<std::string> DescribeTree(const Collection& collection) {
   return lines;
 }
 
-int RunInfo(const std::vector<std::string>& files, bool json, std::ostream& out, std::ostream& err) {
+int RunInfo(const std::vector<std::string>& files, bool json, std::ostream& out, std::ostream& err,
+            const std::string& paramsItem) {
   int status = kExitOk;
   JsonWriter writer;
   writer.BeginArray();
@@ -167,13 +168,25 @@ int RunInfo(const std::vector<std::string>& files, bool json, std::ostream& out,
             writer.BeginObject().Key("name").Value(track->GetName()).Key("bytes").Value(uint32_t(track->data.size())).EndObject();
         writer.EndArray().EndObject();
       }
-      writer.EndArray().EndObject();
+      writer.EndArray();
+      if (!paramsItem.empty()) {
+        writer.Key("params").BeginArray();
+        for (const Item* item : SelectItems(collection, paramsItem)) ParamsJson(writer, *item);
+        writer.EndArray();
+      }
+      writer.EndObject();
       continue;
     }
     out << path << ": " << (row >= 0 ? GetRowExtension(row) + " - " + GetRowDescription(row) : "unknown")
         << " (row " << row << ", confidence " << confidence << "%)\n";
     if (loaded)
       for (const std::string& line : DescribeTree(collection)) out << line << "\n";
+    if (loaded && !paramsItem.empty()) {
+      for (const Item* item : SelectItems(collection, paramsItem)) {
+        out << ItemTypeWord(uint32_t(item->Type())) << " \"" << item->GetName() << "\" parameters:\n";
+        for (const std::string& line : DescribeParams(*item)) out << "  " << line << "\n";
+      }
+    }
   }
   writer.EndArray();
   if (json) out << writer.Text() << "\n";

@@ -65,6 +65,11 @@ JsonWriter& JsonWriter::Value(std::string_view text) {
   text_ += JsonString(text);
   return *this;
 }
+JsonWriter& JsonWriter::Null() {
+  Separate();
+  text_ += "null";
+  return *this;
+}
 JsonWriter& JsonWriter::Value(int64_t number) {
   Separate();
   text_ += std::to_string(number);

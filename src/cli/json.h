@@ -22,6 +22,7 @@ class JsonWriter {
   JsonWriter& Value(int64_t number);
   JsonWriter& Value(double number);
   JsonWriter& Value(bool flag);
+  JsonWriter& Null();
   JsonWriter& Value(int number) { return Value(int64_t(number)); }
   JsonWriter& Value(uint32_t number) { return Value(int64_t(number)); }
   const std::string& Text() const { return text_; }

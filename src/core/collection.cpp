@@ -6,9 +6,11 @@
 #include <unordered_set>
 
 #include "core/file_object.h"
+#include "core/fixup.h"
 #include "core/last_error.h"
 #include "core/pcm.h"
 #include "core/pipeline.h"
+#include "core/settings.h"
 #include "core/text.h"
 #include "core/user_interface.h"
 
@@ -106,6 +108,46 @@ float Item::GetInheritedParam(ParamId id) const {
   const ParamInfo* row = GetParamRow(id);
   return row ? row->defaultValue : 0.0f;
 }
+
+const ParamInfo* Item::GetParamInfo(ParamId id) const {
+  return id >= kFirstTextParam && id < kFirstWaveParam ? GetParamRow(id) : nullptr;
+}
+
+namespace {
+
+// Trigger parameters 189-203 of a layer or region; 190-193 live in the range bytes. Whole-number
+// kinds are rounded to integers, the delay (201) to its time grid.
+void StoreTrigger(TriggerRange& range, ParamId id, float value, bool asSet) {
+  const ParamInfo* row = GetParamRow(id);
+  if (std::isnan(value)) value = row->defaultValue;
+  value = RoundToGrid(row->kind, value);
+  if (row->kind != kKindTime) value = std::round(value);
+  value = std::clamp(value, row->minValue, row->maxValue);
+  switch (id) {
+    case 190: range.loKey = uint8_t(value); break;
+    case 191: range.hiKey = uint8_t(value); break;
+    case 192: range.loVelocity = uint8_t(value); break;
+    case 193: range.hiVelocity = uint8_t(value); break;
+    default: break;
+  }
+  range.values[id - kFirstTriggerParam] = value;
+  const uint64_t bit = uint64_t(1) << (id - kFirstTriggerParam);
+  range.mask = asSet ? range.mask | bit : range.mask & ~bit;
+}
+
+float TriggerValue(const TriggerRange& range, ParamId id) {
+  switch (id) {
+    case 190: return range.loKey;
+    case 191: return range.hiKey;
+    case 192: return range.loVelocity;
+    case 193: return range.hiVelocity;
+    default: return range.values[id - kFirstTriggerParam];
+  }
+}
+
+bool IsTriggerParam(ParamId id) { return id >= kFirstTriggerParam && id < kFirstLoopParam; }
+
+}  // namespace
 
 Item* Item::Parent() const { return collection ? collection->FindItem(parentId) : nullptr; }
 
@@ -328,17 +370,7 @@ void Waveform::SetPcmSourceByFormat(uint32_t storage, uint32_t flags) {
   decoder = GenericPcmDecoder();
 }
 
-void Waveform::FixUp() {
-  Item::FixUp();
-  if (GetName().empty()) AssignDefaultName();
-  if (bits == 0) bits = uint8_t(BitsOf(DataFormatStorage(dataFormat)));
-  if (bits == 0) bits = 16;
-  if (sampleRate == 0) sampleRate = 22050;
-  rootKey = std::min<uint8_t>(rootKey, 127);
-  fineTune = std::clamp<int8_t>(fineTune, -100, 100);
-  loop.Normalise(length, false);
-  if (markers.size() > kMaxMarkers) markers.resize(kMaxMarkers);
-}
+void Waveform::FixUp() { FixUpWaveform(*this); }
 
 float Waveform::GetParam(ParamId id) const {
   switch (id) {
@@ -356,7 +388,13 @@ float Waveform::GetParam(ParamId id) const {
   }
 }
 
+const ParamInfo* Waveform::GetParamInfo(ParamId id) const {
+  if (id >= kFirstWaveParam && id < kFirstRegionParam) return GetParamRow(id);
+  if (id >= kFirstLoopParam && id < kFirstTextParam) return LoopView(id, GetSettings().features);
+  return Item::GetParamInfo(id);
+}
 void Waveform::SetParam(ParamId id, float value) {
+  if (std::isnan(value)) return;  // a reader's garbage never reaches an integer field
   switch (id) {
     case 204: loop.type = uint8_t(std::clamp(value, 0.0f, 3.0f)); break;
     case 205: loop.release = value != 0.0f; break;
@@ -453,15 +491,7 @@ const std::string& Region::GetName() const {
   return generatedName_;
 }
 
-void Region::FixUp() {
-  Item::FixUp();
-  if (range.loKey > range.hiKey) std::swap(range.loKey, range.hiKey);
-  if (range.loVelocity > range.hiVelocity) std::swap(range.loVelocity, range.hiVelocity);
-  const Waveform* wave = GetWave();
-  if (wave && startOffset > int32_t(wave->length)) startOffset = int32_t(wave->length);
-  if (startOffset < 0) startOffset = 0;
-  if (endOffset > 0) endOffset = 0;
-}
+void Region::FixUp() { FixUpRegion(*this); }
 
 bool Region::Preload() { return Item::Preload(); }
 
@@ -473,11 +503,8 @@ bool Region::IsParamSet(ParamId id) const {
 
 float Region::GetParam(ParamId id) const {
   if (id < kArticulationParamCount) return articulation.Get(id);
+  if (IsTriggerParam(id)) return TriggerValue(range, id);
   switch (id) {
-    case 190: return range.loKey;
-    case 191: return range.hiKey;
-    case 192: return range.loVelocity;
-    case 193: return range.hiVelocity;
     case 204: return EffectiveLoop().type;
     case 205: return EffectiveLoop().release;
     case 206: return EffectiveLoop().start;
@@ -488,45 +515,59 @@ float Region::GetParam(ParamId id) const {
     case 224: return float(endOffset);
     case 225: return phaseGroup;
     case 226: return phaseMaster;
-    default:
-      if (id >= kFirstTriggerParam && id < kFirstLoopParam) return range.values[id - kFirstTriggerParam];
-      return 0.0f;
+    default: return 0.0f;
   }
 }
-
 void Region::SetParam(ParamId id, float value) {
+  if (std::isnan(value)) return;  // a reader's garbage never reaches an integer field
   if (id < kArticulationParamCount) {
     articulation.Set(id, value);
     return;
   }
-  const auto key = uint8_t(std::clamp(value, 0.0f, 127.0f));
+  if (IsTriggerParam(id)) {
+    StoreTrigger(range, id, value, true);
+    return;
+  }
+  const ParamInfo* row = GetParamRow(id);
+  if (!row) return;
+  // Loop points stay fractional; the other region rows are whole numbers within the row's bounds.
+  const float bounded = std::clamp(id == 206 || id == 207 || id == 208 ? RoundToGrid(row->kind, value) : std::round(value),
+                                   row->minValue, row->maxValue);
   switch (id) {
-    case 190: range.loKey = key; break;
-    case 191: range.hiKey = key; break;
-    case 192: range.loVelocity = key; break;
-    case 193: range.hiVelocity = key; break;
-    case 204: loop.type = uint8_t(std::clamp(value, 0.0f, 3.0f)); overrideFlags |= kOverrideLoopType; return;
-    case 205: loop.release = value != 0.0f; overrideFlags |= kOverrideLoopRelease; return;
-    case 206: loop.start = value; overrideFlags |= kOverrideLoopStart; return;
-    case 207: loop.end = value; overrideFlags |= kOverrideLoopEnd; return;
-    case 208: loop.tune = std::clamp(value, -12.0f, 12.0f); overrideFlags |= kOverrideLoopTune; return;
-    case 222: rootKey = key; overrideFlags |= kOverrideRoot; return;
-    case 223: startOffset = int32_t(value); return;
-    case 224: endOffset = int32_t(std::min(value, 0.0f)); return;
-    case 225: phaseGroup = uint16_t(std::clamp(value, 0.0f, 65535.0f)); return;
-    case 226: phaseMaster = value != 0.0f; return;
+    case 204: loop.type = uint8_t(bounded); overrideFlags |= kOverrideLoopType; break;
+    case 205: loop.release = bounded != 0.0f; overrideFlags |= kOverrideLoopRelease; break;
+    case 206: loop.start = std::max(value, 0.0f); overrideFlags |= kOverrideLoopStart; break;
+    case 207: loop.end = std::max(value, 0.0f); overrideFlags |= kOverrideLoopEnd; break;
+    case 208: loop.tune = bounded; overrideFlags |= kOverrideLoopTune; break;
+    case 222: rootKey = uint8_t(bounded); overrideFlags |= kOverrideRoot; break;
+    case 223: startOffset = int32_t(bounded); break;
+    case 224: endOffset = int32_t(bounded); break;  // only zero or negative
+    case 225: phaseGroup = uint16_t(bounded); break;
+    case 226: phaseMaster = bounded != 0.0f; break;
     default: break;
   }
-  if (id >= kFirstTriggerParam && id < kFirstLoopParam) {
-    range.values[id - kFirstTriggerParam] = value;
-    range.mask |= uint64_t(1) << (id - kFirstTriggerParam);
-  }
 }
-
 void Region::InheritParam(ParamId id, float value) {
   if (id < kArticulationParamCount) articulation.Inherit(id, value);
+  else if (IsTriggerParam(id)) StoreTrigger(range, id, value, false);
 }
 
+float Region::GetInheritedParam(ParamId id) const {
+  const Item* parent = Parent();
+  if (parent && (id < kArticulationParamCount || IsTriggerParam(id))) return parent->GetParam(id);
+  // A loop or root override falls back to the wave's value.
+  if (const Waveform* wave = GetWave(); wave && ((id >= kFirstLoopParam && id < kFirstTextParam) || id == 222))
+    return wave->GetParam(id == 222 ? 218 : id);
+  return Item::GetInheritedParam(id);
+}
+
+const ParamInfo* Region::GetParamInfo(ParamId id) const {
+  if (id < kArticulationParamCount) return ArticulationView(id, GetSettings().features);
+  if (IsTriggerParam(id)) return GetParamRow(id);
+  if (id >= kFirstRegionParam && id < kFirstInstrumentParam) return GetParamRow(id);
+  if (id >= kFirstLoopParam && id < kFirstTextParam) return LoopView(id, GetSettings().features);
+  return Item::GetParamInfo(id);
+}
 // ---------------------------------------------------------------------------------------------
 // Layer
 
@@ -541,7 +582,7 @@ Layer::~Layer() {
   if (Item* parent = Parent()) parent->RemoveChild(id);
 }
 
-void Layer::FixUp() { Item::FixUp(); }
+void Layer::FixUp() { FixUpLayer(*this); }
 
 bool Layer::Preload() { return Item::Preload(); }
 
@@ -553,26 +594,36 @@ bool Layer::IsParamSet(ParamId id) const {
 
 float Layer::GetParam(ParamId id) const {
   if (id < kArticulationParamCount) return articulation.Get(id);
-  switch (id) {
-    case 190: return range.loKey;
-    case 191: return range.hiKey;
-    case 192: return range.loVelocity;
-    case 193: return range.hiVelocity;
-    default:
-      if (id >= kFirstTriggerParam && id < kFirstLoopParam) return range.values[id - kFirstTriggerParam];
-      return 0.0f;
-  }
+  if (IsTriggerParam(id)) return TriggerValue(range, id);
+  return 0.0f;
 }
-
 void Layer::SetParam(ParamId id, float value) {
-  if (id < kArticulationParamCount) {
-    articulation.Set(id, value);
-  } else if (id >= kFirstTriggerParam && id < kFirstLoopParam) {
-    range.values[id - kFirstTriggerParam] = value;
-    range.mask |= uint64_t(1) << (id - kFirstTriggerParam);
-  }
+  if (std::isnan(value)) return;  // a reader's garbage never reaches an integer field
+  if (id < kArticulationParamCount) articulation.Set(id, value);
+  else if (IsTriggerParam(id)) StoreTrigger(range, id, value, true);
 }
 
+void Layer::InheritParam(ParamId id, float value) {
+  if (id < kArticulationParamCount) articulation.Inherit(id, value);
+  else if (IsTriggerParam(id)) StoreTrigger(range, id, value, false);
+  else return;
+  // Regions that do not set the id take the value down with them.
+  for (uint32_t childId : children)
+    if (Region* region = collection->Find<Region>(childId); region && !region->IsParamSet(id))
+      region->InheritParam(id, GetParam(id));
+}
+
+float Layer::GetInheritedParam(ParamId id) const {
+  const Item* parent = Parent();
+  if (parent && id < kArticulationParamCount) return parent->GetParam(id);
+  return Item::GetInheritedParam(id);
+}
+
+const ParamInfo* Layer::GetParamInfo(ParamId id) const {
+  if (id < kArticulationParamCount) return ArticulationView(id, GetSettings().features);
+  if (IsTriggerParam(id)) return GetParamRow(id);
+  return Item::GetParamInfo(id);
+}
 bool Layer::Overlaps(uint32_t keyRange, uint32_t velocityRange, uint32_t exceptId) const {
   keyRange = GivenOrFull(keyRange);
   velocityRange = GivenOrFull(velocityRange);
@@ -710,18 +761,7 @@ void Instrument::SetPatch(int majorBank, int minorBank, int program, bool drum) 
           (drum ? 1u << 21 : 0u);
 }
 
-void Instrument::FixUp() {
-  Item::FixUp();
-  if (GetName().empty()) AssignDefaultName();
-  int number = 1;
-  for (uint32_t childId : children) {
-    if (Layer* layer = collection->Find<Layer>(childId)) {
-      layer->drumFlag = IsDrumKit();
-      if (layer->GetName().empty()) layer->SetName("Layer " + std::to_string(number));
-      ++number;
-    }
-  }
-}
+void Instrument::FixUp() { FixUpInstrument(*this); }
 
 bool Instrument::Preload() { return Item::Preload(); }
 
@@ -741,21 +781,44 @@ float Instrument::GetParam(ParamId id) const {
 }
 
 void Instrument::SetParam(ParamId id, float value) {
+  if (std::isnan(value)) return;  // a reader's garbage never reaches an integer field
   if (id < kArticulationParamCount) {
     articulation.Set(id, value);
     return;
   }
-  const int v = int(std::clamp(value, 0.0f, 127.0f));
+  const int v = int(std::clamp(std::round(value), 0.0f, 127.0f));
   switch (id) {
     case 227: SetPatch(MajorBank(), MinorBank(), Program(), value != 0.0f); break;
     case 228: SetPatch(v, MinorBank(), Program(), IsDrumKit()); break;
     case 229: SetPatch(MajorBank(), v, Program(), IsDrumKit()); break;
     case 230: SetPatch(MajorBank(), MinorBank(), v, IsDrumKit()); break;
     default:
-      if (id >= kFirstEffectParam && id < kParamCount) effectSlots[id - kFirstEffectParam] = value;
+      if (id >= kFirstEffectParam && id < kParamCount) {
+        const ParamInfo* row = GetParamInfo(id);
+        if (row->kind == kKindNone) break;
+        value = RoundToGrid(row->kind, value);
+        effectSlots[id - kFirstEffectParam] = std::clamp(value, row->minValue, row->maxValue);
+      }
   }
 }
 
+void Instrument::InheritParam(ParamId id, float value) {
+  if (id >= kArticulationParamCount) return;
+  articulation.Inherit(id, value);
+  for (uint32_t childId : children)
+    if (Layer* layer = collection->Find<Layer>(childId); layer && !layer->IsParamSet(id)) layer->InheritParam(id, value);
+}
+
+const ParamInfo* Instrument::GetParamInfo(ParamId id) const {
+  if (id < kArticulationParamCount) return ArticulationView(id, GetSettings().features);
+  if (id >= kFirstInstrumentParam && id < kFirstEffectParam) return GetParamRow(id);
+  if (id >= kFirstEffectParam && id < kParamCount) {
+    const int slotBase = (id - kFirstEffectParam) / kEffectViewsPerSlot * kEffectViewsPerSlot;
+    constexpr int kGateReverbView = 6;
+    return EffectView(id, int(effectSlots[slotBase]), effectSlots[slotBase + kGateReverbView] != 0.0f);
+  }
+  return Item::GetParamInfo(id);
+}
 Layer* Instrument::FindLayerFor(uint32_t keyRange, uint32_t velocityRange, int layerHint, Layer* startAt) {
   std::vector<Layer*> layers;
   for (uint32_t childId : children)

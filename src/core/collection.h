@@ -75,7 +75,8 @@ class Item {
   virtual void SetParam(ParamId id, float value) {}
   virtual void InheritParam(ParamId id, float value) {}
   virtual float GetInheritedParam(ParamId id) const;
-  virtual const ParamInfo* GetParamInfo(ParamId id) const { return GetParamRow(id); }
+  // Base: the text rows 209-216; null for other ids.
+  virtual const ParamInfo* GetParamInfo(ParamId id) const;
 
   ItemType Type() const { return TypeOfId(id); }
   Item* Parent() const;
@@ -176,6 +177,7 @@ class Waveform : public TextItem {
   bool Preload() override;
   float GetParam(ParamId id) const override;
   void SetParam(ParamId id, float value) override;
+  const ParamInfo* GetParamInfo(ParamId id) const override;
 
   // Plain PCM of `bits` per sample; `flags` are the source word's upper bits.
   void SetPcmSource(uint32_t bits, uint32_t flags);
@@ -233,6 +235,8 @@ class Region : public NamedItem {
   float GetParam(ParamId id) const override;
   void SetParam(ParamId id, float value) override;
   void InheritParam(ParamId id, float value) override;
+  float GetInheritedParam(ParamId id) const override;
+  const ParamInfo* GetParamInfo(ParamId id) const override;
 
   Waveform* GetWave() const;
   SynthesisModel* GetSynthesisModel() const;
@@ -273,6 +277,9 @@ class Layer : public NamedItem {
   bool IsParamSet(ParamId id) const override;
   float GetParam(ParamId id) const override;
   void SetParam(ParamId id, float value) override;
+  void InheritParam(ParamId id, float value) override;
+  float GetInheritedParam(ParamId id) const override;
+  const ParamInfo* GetParamInfo(ParamId id) const override;
 
   // True if any region but `except` overlaps the rectangle (bounds inclusive).
   bool Overlaps(uint32_t keyRange, uint32_t velocityRange, uint32_t exceptId = kNullId) const;
@@ -303,6 +310,8 @@ class Instrument : public TextItem {
   bool IsParamSet(ParamId id) const override;
   float GetParam(ParamId id) const override;
   void SetParam(ParamId id, float value) override;
+  void InheritParam(ParamId id, float value) override;
+  const ParamInfo* GetParamInfo(ParamId id) const override;
 
   // Hangs a new region in a layer (see the layer search in the model notes); null on failure.
   Region* AddRegion(uint32_t waveId, uint32_t keyRange, uint32_t velocityRange, int rootKey, int layerHint = -1);
