@@ -1,0 +1,173 @@
+// Codec add-on rows against outside decoders: our decode of corpus files against the reference
+// decode stored beside them, our encodes decoded by ffmpeg, and missing add-ons.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "cli/commands.h"
+#include "core/collection.h"
+#include "core/last_error.h"
+#include "core/pipeline.h"
+#include "formats/audio/addons/addon_loader.h"
+#include "test_support.h"
+
+namespace orlin {
+namespace {
+
+std::vector<float> ReadFloats(const std::string& path) {
+  const std::vector<uint8_t> bytes = test::ReadBytes(path);
+  std::vector<float> out(bytes.size() / 4);
+  std::memcpy(out.data(), bytes.data(), out.size() * 4);
+  return out;
+}
+
+double MaxDifference(const float* a, const std::vector<float>& b) {
+  double worst = 0;
+  for (size_t i = 0; i < b.size(); ++i) worst = std::max(worst, std::fabs(double(a[i]) - b[i]));
+  return worst;
+}
+
+int RunOrlin(std::vector<const char*> args, std::string* err = nullptr) {
+  args.insert(args.begin(), "orlin");
+  std::ostringstream out, errors;
+  const int status = cli::RunCli(int(args.size()), args.data(), out, errors);
+  if (err) *err = errors.str();
+  return status;
+}
+
+struct CorpusCase {
+  const char* file;
+  uint32_t channels, rate, frames;
+  double tolerance;  // 0: bit-exact lossless
+};
+
+TEST(CodecAddons, DecodesCorpusFilesLikeTheReferenceDecoder) {
+  ORLIN_REQUIRE_TESTDATA();
+  const CorpusCase cases[] = {
+      {"sweep/flac_s16.flac", 2, 44100, 22050, 0.0},     {"sweep/flac_s24.flac", 2, 44100, 22050, 0.0},
+      {"tone440/flac_s16.flac", 1, 44100, 22050, 0.0},   {"sweep/ogg_vorbis_q4.ogg", 2, 44100, 22050, 1e-4},
+      {"tone440/ogg_vorbis_q4.ogg", 1, 44100, 22050, 1e-4}, {"sweep/opus_96k.opus", 2, 48000, 24000, 1e-3},
+      {"sweep/mp3_cbr128.mp3", 2, 44100, 22050, 1e-3},   {"sweep/mp3_vbr_q2.mp3", 2, 44100, 22050, 1e-3},
+      {"tone440/mp3_cbr128.mp3", 1, 44100, 22050, 1e-3}, {"sweep/mp2_192k.mp2", 2, 44100, 23040, 1e-3},
+  };
+  for (const CorpusCase& c : cases) {
+    SCOPED_TRACE(c.file);
+    const std::string path = (test::TestDataDir() / "audio/generated" / c.file).string();
+    Collection collection;
+    ASSERT_TRUE(LoadFile(collection, path, false)) << LastError();
+    auto waves = collection.All<Waveform>().ToVector();
+    ASSERT_EQ(waves.size(), 1u);
+    Waveform* wave = waves[0];
+    EXPECT_EQ(wave->channels, c.channels);
+    EXPECT_EQ(wave->sampleRate, c.rate);
+    EXPECT_EQ(wave->length, c.frames);
+    EXPECT_EQ(wave->Data(), nullptr) << "opening must not decode";
+    const float* samples = wave->GetSamplesForRead();
+    ASSERT_NE(samples, nullptr) << LastError();
+    const std::vector<float> reference = ReadFloats(path + ".f32");
+    ASSERT_EQ(reference.size(), size_t(c.frames) * c.channels);
+    EXPECT_LE(MaxDifference(samples, reference), c.tolerance);
+  }
+}
+
+// Our encode, decoded by ffmpeg: frames, rate, channels, and the title tag.
+TEST(CodecAddons, FfmpegDecodesWhatWeWrite) {
+  ORLIN_REQUIRE_TESTDATA();
+  ORLIN_REQUIRE_TOOL("ffmpeg");
+  ORLIN_REQUIRE_TOOL("ffprobe");
+  test::ScratchDir scratch;
+  const std::string source = (test::TestDataDir() / "audio/generated/sweep/flac_s16.flac").string();
+  const std::vector<float> master = ReadFloats(source + ".f32");
+  struct WriteCase {
+    const char* extension;
+    const char* dataFormat;
+    uint32_t rate;
+    bool lossless;
+  };
+  const WriteCase cases[] = {{"flac", "", 44100, true},
+                             {"ogg", "", 44100, false},
+                             {"opus", "", 48000, false},
+                             {"mp3", "MP3 CBR 192 kbit/s", 44100, false},
+                             {"mp3", "MP3 VBR Quality 5", 44100, false},
+                             {"mp2", "", 44100, false}};
+  int index = 0;
+  for (const WriteCase& c : cases) {
+    SCOPED_TRACE(std::string(c.extension) + " " + c.dataFormat);
+    const std::string out = scratch.File("out" + std::to_string(index++) + "." + c.extension);
+    std::vector<const char*> args = {"convert", source.c_str(), "--to", c.extension, "-o", out.c_str()};
+    if (*c.dataFormat) {
+      args.push_back("--data-format");
+      args.push_back(c.dataFormat);
+    }
+    std::string err;
+    ASSERT_EQ(RunOrlin(args, &err), 0) << err;
+    std::string probe;
+    ASSERT_EQ(test::RunCommand("ffprobe -v error -show_entries stream=sample_rate,channels -of csv=p=0 '" + out + "'",
+                               &probe), 0);
+    EXPECT_EQ(probe.substr(0, probe.find('\n')), std::to_string(c.rate) + ",2");
+    const std::string raw = out + ".f32";
+    ASSERT_EQ(test::RunCommand("ffmpeg -nostdin -v error -y -i '" + out + "' -f f32le '" + raw + "'"), 0);
+    const std::vector<float> decoded = ReadFloats(raw);
+    if (c.lossless) {
+      ASSERT_EQ(decoded.size(), master.size());
+      EXPECT_LE(MaxDifference(decoded.data(), master), 0.0);
+      continue;
+    }
+    if (c.rate != 44100) continue;  // resampled by the codec: only the format is checked
+    // Lossy: correlation with the master after the best alignment within 3000 frames.
+    EXPECT_NEAR(double(decoded.size()) / 2, double(master.size()) / 2, 1200.0);
+    double best = 0;
+    for (int shift = -3000; shift <= 3000; shift += 1) {
+      double xy = 0, xx = 0, yy = 0;
+      for (size_t i = 4000; i + 4000 < master.size() / 2; i += 3) {
+        const int64_t j = int64_t(i) + shift;
+        if (j < 0 || size_t(j) * 2 >= decoded.size()) continue;
+        const double x = master[i * 2], y = decoded[size_t(j) * 2];
+        xy += x * y, xx += x * x, yy += y * y;
+      }
+      if (xx > 0 && yy > 0) best = std::max(best, xy / std::sqrt(xx * yy));
+    }
+    EXPECT_GE(best, 0.99);
+  }
+}
+
+TEST(CodecAddons, MissingAddonGivesItsTextAndTheBatchGoesOn) {
+  ORLIN_REQUIRE_TESTDATA();
+  const std::string dir = (test::TestDataDir() / "audio/generated").string();
+  const std::string flac = dir + "/sweep/flac_s16.flac", ogg = dir + "/sweep/ogg_vorbis_q4.ogg",
+                    mp3 = dir + "/sweep/mp3_cbr128.mp3";
+  ASSERT_TRUE(addons::HideAddonForTest("flac", true));
+  Collection collection;
+  EXPECT_FALSE(LoadFile(collection, flac, false));
+  EXPECT_EQ(LastError(), "You need to install the libFLAC.dll codec add-on if you wish to read FLAC files.");
+
+  test::ScratchDir scratch;
+  std::string err;
+  const std::string folder = scratch.Path().string();
+  EXPECT_EQ(RunOrlin({"convert", ogg.c_str(), flac.c_str(), mp3.c_str(), "--to", "ogg", "-o", folder.c_str()}, &err),
+            cli::kExitFileFailed);
+  EXPECT_NE(err.find("libFLAC.dll"), std::string::npos) << err;
+  EXPECT_TRUE(std::filesystem::exists(scratch.Path() / "ogg_vorbis_q4.ogg"));
+  EXPECT_TRUE(std::filesystem::exists(scratch.Path() / "mp3_cbr128.ogg"));
+
+  // Saving: the same library is needed to write.
+  EXPECT_EQ(RunOrlin({"convert", ogg.c_str(), "--to", "flac", "-o", folder.c_str()}, &err), cli::kExitFileFailed);
+  EXPECT_NE(err.find("if you wish to write FLAC files."), std::string::npos) << err;
+  ASSERT_TRUE(addons::HideAddonForTest("flac", false));
+
+  ASSERT_TRUE(addons::HideAddonForTest("lame", true));
+  EXPECT_EQ(RunOrlin({"convert", ogg.c_str(), "--to", "mp3", "-o", folder.c_str()}, &err), cli::kExitFileFailed);
+  EXPECT_NE(err.find("Lame_Enc.dll"), std::string::npos) << err;
+  ASSERT_TRUE(addons::HideAddonForTest("lame", false));
+
+  // Retried on the next use: the library is found again without a restart.
+  Collection again;
+  EXPECT_TRUE(LoadFile(again, flac, false)) << LastError();
+}
+
+}  // namespace
+}  // namespace orlin
