@@ -3,12 +3,15 @@
 #include "formats/audio/addons/addon_rows.h"
 
 #include <algorithm>
+#include <cmath>
+#include <cstdio>
 #include <cstring>
 
 #include "core/collection.h"
 #include "core/file_object.h"
 #include "core/last_error.h"
 #include "core/save_choice.h"
+#include "formats/audio/addons/ffmpeg_addon.h"
 #include "formats/audio/addons/flac_addon.h"
 #include "formats/audio/addons/mpeg_addon.h"
 #include "formats/audio/addons/opus_addon.h"
@@ -23,7 +26,7 @@ using StreamOpener = std::unique_ptr<AudioStream> (*)(FileObject&);
 
 // Fills the wave's samples from `opener`'s stream; a stream shorter than its stated length leaves
 // silence at the end rather than failing the whole wave.
-bool DecodeWith(StreamOpener opener, Waveform* wave, FileObject* file) {
+bool DecodeWith(StreamOpener opener, Waveform* wave, FileObject* file, bool exactLength = true) {
   if (!file || !file->IsOpen()) {
     SetLastError("Could not open file");
     return false;
@@ -34,12 +37,29 @@ bool DecodeWith(StreamOpener opener, Waveform* wave, FileObject* file) {
     SetLastError("Stream error");
     return false;
   }
+  const uint32_t channels = wave->channels;
+  if (!exactLength) {
+    // The container's duration was an estimate (a padded last packet, a missing index): the
+    // decoded frames decide the length.
+    std::vector<float> all;
+    if (!addons::ReadAllFrames(*stream, all, 0xFFFFFFFFull) || all.empty()) {
+      SetLastError("Stream error");
+      return false;
+    }
+    wave->length = uint32_t(all.size() / channels);
+    float* samples = wave->AllocSamples();
+    if (!samples) {
+      SetLastError("Out of memory");
+      return false;
+    }
+    std::copy(all.begin(), all.end(), samples);
+    return true;
+  }
   float* samples = wave->AllocSamples();
   if (!samples) {
     SetLastError("Out of memory");
     return false;
   }
-  const uint32_t channels = wave->channels;
   uint32_t done = 0;
   while (done < wave->length) {
     const int64_t got = stream->Read(samples + size_t(done) * channels, std::min<uint32_t>(wave->length - done, 65536));
@@ -54,6 +74,12 @@ bool DecodeFlacWave(Waveform* wave, FileObject* file) { return DecodeWith(addons
 bool DecodeVorbisWave(Waveform* wave, FileObject* file) { return DecodeWith(addons::OpenVorbisStream, wave, file); }
 bool DecodeOpusWave(Waveform* wave, FileObject* file) { return DecodeWith(addons::OpenOpusStream, wave, file); }
 bool DecodeMpegWave(Waveform* wave, FileObject* file) { return DecodeWith(addons::OpenMpegStream, wave, file); }
+std::unique_ptr<AudioStream> OpenMedia(FileObject& file) { return addons::OpenFfmpegStream(file); }
+std::unique_ptr<AudioStream> OpenApe(FileObject& file) { return addons::OpenFfmpegStream(file, addons::kApeMissing); }
+std::unique_ptr<AudioStream> OpenAmr(FileObject& file) { return addons::OpenFfmpegStream(file, addons::kAmrMissing); }
+bool DecodeMediaWave(Waveform* wave, FileObject* file) { return DecodeWith(OpenMedia, wave, file, false); }
+bool DecodeApeWave(Waveform* wave, FileObject* file) { return DecodeWith(OpenApe, wave, file, false); }
+bool DecodeAmrWave(Waveform* wave, FileObject* file) { return DecodeWith(OpenAmr, wave, file, false); }
 
 // Describes one wave from an open stream. `lossless` keeps the stream's bit depth as the source
 // format; otherwise the wave is "Compressed" with its average bit rate.
@@ -287,5 +313,160 @@ bool WriteMp2(Item* item, FileObject* file, const SaveOptions* options) {
   }
   return true;
 }
+
+// ------------------------------------------------------------------------------------------------
+// Media containers through FFmpeg
+
+namespace {
+
+constexpr int kAacRates[] = {32, 48, 64, 80, 96, 112, 128, 160, 192, 256, 320};
+constexpr int kWmaRates[] = {32, 48, 64, 96, 128, 160, 192};
+constexpr double kAmrRates[] = {4.75, 5.15, 5.90, 6.70, 7.40, 7.95, 10.20, 12.20};
+
+bool WriteThroughFfmpeg(Item* item, FileObject* file, const SaveOptions* options, FormatSettingsList settings,
+                        addons::FfmpegEncodeRequest request) {
+  double rate = 0;
+  const uint32_t storage = ChooseSaveFormat(*static_cast<Waveform*>(item), *options, rate, settings);
+  EncodeSource source;
+  if (!PrepareEncode(item, options, source)) return false;
+  if (storage == kStorageCompressed) request.bitRate = int(std::lround(rate * 1000.0));
+  else request.bits = storage == kStoragePcm24 ? 24 : 16;
+  return addons::EncodeWithFfmpeg(*file, source.input, request);
+}
+
+}  // namespace
+
+int32_t DetectIsoMedia(const uint8_t* head, uint32_t, uint32_t headBytes, uint64_t) {
+  return StartsWith(head, headBytes, 4, "ftyp") ? 6 : 0;
+}
+int32_t DetectQuickTime(const uint8_t* head, uint32_t, uint32_t headBytes, uint64_t) {
+  if (StartsWith(head, headBytes, 4, "ftyp")) return 6;
+  for (const char* box : {"moov", "mdat", "wide", "free", "skip"})
+    if (StartsWith(head, headBytes, 4, box)) return 4;
+  return 0;
+}
+int32_t DetectMatroska(const uint8_t* head, uint32_t, uint32_t headBytes, uint64_t) {
+  return StartsWith(head, headBytes, 0, "\x1A\x45\xDF\xA3") ? 6 : 0;
+}
+int32_t DetectAvi(const uint8_t* head, uint32_t, uint32_t headBytes, uint64_t) {
+  return StartsWith(head, headBytes, 0, "RIFF") && StartsWith(head, headBytes, 8, "AVI ") ? 6 : 0;
+}
+int32_t DetectAsf(const uint8_t* head, uint32_t, uint32_t headBytes, uint64_t) {
+  static constexpr uint8_t kHeaderGuid[8] = {0x30, 0x26, 0xB2, 0x75, 0x8E, 0x66, 0xCF, 0x11};
+  return headBytes >= 8 && std::memcmp(head, kHeaderGuid, 8) == 0 ? 6 : 0;
+}
+int32_t DetectRealAudio(const uint8_t* head, uint32_t, uint32_t headBytes, uint64_t) {
+  return StartsWith(head, headBytes, 0, ".ra\xFD") || StartsWith(head, headBytes, 0, ".RMF") ? 6 : 0;
+}
+int32_t DetectCaf(const uint8_t* head, uint32_t, uint32_t headBytes, uint64_t) {
+  return StartsWith(head, headBytes, 0, "caff") ? 6 : 0;
+}
+int32_t DetectMusepack(const uint8_t* head, uint32_t, uint32_t headBytes, uint64_t) {
+  return StartsWith(head, headBytes, 0, "MPCK") || StartsWith(head, headBytes, 0, "MP+") ? 6 : 0;
+}
+int32_t DetectShorten(const uint8_t* head, uint32_t, uint32_t headBytes, uint64_t) {
+  return StartsWith(head, headBytes, 0, "ajkg") ? 6 : 0;
+}
+int32_t DetectDss(const uint8_t* head, uint32_t, uint32_t headBytes, uint64_t) {
+  return StartsWith(head, headBytes, 0, "\x02" "dss") || StartsWith(head, headBytes, 0, "\x03" "ds2") ? 6 : 0;
+}
+int32_t DetectApe(const uint8_t* head, uint32_t, uint32_t headBytes, uint64_t) {
+  const uint32_t tag = Id3v2Size(head, headBytes);
+  return StartsWith(head, headBytes, tag, "MAC ") ? 6 : 0;
+}
+int32_t DetectAmr(const uint8_t* head, uint32_t, uint32_t headBytes, uint64_t) {
+  return StartsWith(head, headBytes, 0, "#!AMR") ? 6 : 0;
+}
+int32_t DetectAacStream(const uint8_t* head, uint32_t, uint32_t headBytes, uint64_t) {
+  if (StartsWith(head, headBytes, 0, "ADIF")) return 6;
+  const uint32_t tag = Id3v2Size(head, headBytes);
+  // ADTS: 12 sync bits, layer 0, a valid sampling index.
+  if (headBytes >= tag + 7 && head[tag] == 0xFF && (head[tag + 1] & 0xF6) == 0xF0 && ((head[tag + 2] >> 2) & 15) < 13)
+    return 4;
+  return 0;
+}
+int32_t DetectMpegSystem(const uint8_t* head, uint32_t, uint32_t headBytes, uint64_t) {
+  return headBytes >= 4 && head[0] == 0 && head[1] == 0 && head[2] == 1 && head[3] == 0xBA ? 6 : 0;
+}
+
+bool ReadMediaContainer(Collection* collection, FileObject* file, uint32_t) {
+  std::unique_ptr<AudioStream> stream = OpenMedia(*file);
+  return stream && DescribeWave(collection, file, *stream, DecodeMediaWave, stream->lossless, "Zero length");
+}
+bool ReadApe(Collection* collection, FileObject* file, uint32_t) {
+  std::unique_ptr<AudioStream> stream = OpenApe(*file);
+  return stream && DescribeWave(collection, file, *stream, DecodeApeWave, true, "Zero length");
+}
+bool ReadAmr(Collection* collection, FileObject* file, uint32_t) {
+  std::unique_ptr<AudioStream> stream = OpenAmr(*file);
+  return stream && DescribeWave(collection, file, *stream, DecodeAmrWave, false, "Zero sized AMR data");
+}
+
+double AacSettings(uint32_t index, uint32_t, std::string* labelOut) {
+  if (index >= std::size(kAacRates)) return 0.0;
+  if (labelOut) *labelOut = "AAC " + std::to_string(kAacRates[index]) + " kbit/s";
+  return kAacRates[index];
+}
+double WmaSettings(uint32_t index, uint32_t, std::string* labelOut) {
+  if (index >= std::size(kWmaRates)) return 0.0;
+  if (labelOut) *labelOut = "WMA " + std::to_string(kWmaRates[index]) + " kbit/s";
+  return kWmaRates[index];
+}
+double AmrSettings(uint32_t index, uint32_t, std::string* labelOut) {
+  if (index >= std::size(kAmrRates)) return 0.0;
+  if (labelOut) {
+    char text[32];
+    std::snprintf(text, sizeof text, "AMR %.2f kbit/s", kAmrRates[index]);
+    *labelOut = text;
+  }
+  return kAmrRates[index];
+}
+
+bool WriteAacStream(Item* item, FileObject* file, const SaveOptions* options) {
+  // Variants 1 and 4 are the Main profile rows; the others Low Complexity.
+  const bool main = options->variant == 1 || options->variant == 4;
+  return WriteThroughFfmpeg(item, file, options, AacSettings,
+                            {"adts", "aac", 0, main ? 0 : 1, 16, addons::kAacEncoderMissing});
+}
+bool WriteM4a(Item* item, FileObject* file, const SaveOptions* options) {
+  return WriteThroughFfmpeg(item, file, options, AacSettings, {"ipod", "aac", 0, -99, 16, addons::kAacEncoderMissing});
+}
+bool WriteWma(Item* item, FileObject* file, const SaveOptions* options) {
+  return WriteThroughFfmpeg(item, file, options, WmaSettings, {"asf", "wmav2", 0, -99, 16, addons::kFfmpegMissing});
+}
+bool WriteMka(Item* item, FileObject* file, const SaveOptions* options) {
+  return WriteThroughFfmpeg(item, file, options, nullptr, {"matroska", "flac", 0, -99, 16, addons::kFfmpegMissing});
+}
+bool WriteCaf(Item* item, FileObject* file, const SaveOptions* options) {
+  return WriteThroughFfmpeg(item, file, options, nullptr, {"caf", "alac", 0, -99, 16, addons::kFfmpegMissing});
+}
+
+namespace {
+
+bool WriteAmrIn(const char* container, Item* item, FileObject* file, const SaveOptions* options) {
+  // AMR narrow band codes 8 kHz mono only; the wave is not resampled behind the user's back.
+  if (static_cast<Waveform*>(item)->sampleRate != 8000) {
+    SetLastError("AMR != 8kHz");
+    return false;
+  }
+  SaveOptions mono = *options;
+  mono.caps = (mono.caps & ~kCapsStereo) | kCapsMono;
+  double rate = 0;
+  ChooseSaveFormat(*static_cast<Waveform*>(item), mono, rate, AmrSettings);
+  EncodeSource source;
+  if (!PrepareEncode(item, &mono, source)) return false;
+  addons::FfmpegEncodeRequest request{container, "libopencore_amrnb", int(std::lround(rate * 1000.0)), -99, 16,
+                                      addons::kAmrMissing};
+  if (!addons::EncodeWithFfmpeg(*file, source.input, request)) {
+    if (LastError() != addons::kAmrMissing) SetLastError("Failed initializing the AMR encoder");
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+bool WriteAmr(Item* item, FileObject* file, const SaveOptions* options) { return WriteAmrIn("amr", item, file, options); }
+bool Write3gp(Item* item, FileObject* file, const SaveOptions* options) { return WriteAmrIn("3gp", item, file, options); }
 
 }  // namespace orlin

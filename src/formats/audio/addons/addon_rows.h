@@ -32,4 +32,34 @@ bool WriteMp2(Item* item, FileObject* file, const SaveOptions* options);
 double Mp3Settings(uint32_t index, uint32_t variant, std::string* labelOut);
 double Mp2Settings(uint32_t index, uint32_t variant, std::string* labelOut);
 
+// Media containers and codecs read through FFmpeg: one detector per signature family.
+int32_t DetectIsoMedia(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
+int32_t DetectQuickTime(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
+int32_t DetectMatroska(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
+int32_t DetectAvi(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
+int32_t DetectAsf(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
+int32_t DetectRealAudio(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
+int32_t DetectCaf(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
+int32_t DetectMusepack(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
+int32_t DetectShorten(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
+int32_t DetectDss(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
+int32_t DetectApe(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
+int32_t DetectAmr(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
+int32_t DetectAacStream(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
+int32_t DetectMpegSystem(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
+bool ReadMediaContainer(Collection* collection, FileObject* file, uint32_t variant);
+bool ReadApe(Collection* collection, FileObject* file, uint32_t variant);
+bool ReadAmr(Collection* collection, FileObject* file, uint32_t variant);
+
+bool WriteAacStream(Item* item, FileObject* file, const SaveOptions* options);  // ADTS; variant 1, 4: Main
+bool WriteM4a(Item* item, FileObject* file, const SaveOptions* options);
+bool WriteWma(Item* item, FileObject* file, const SaveOptions* options);
+bool WriteMka(Item* item, FileObject* file, const SaveOptions* options);
+bool WriteCaf(Item* item, FileObject* file, const SaveOptions* options);
+bool WriteAmr(Item* item, FileObject* file, const SaveOptions* options);
+bool Write3gp(Item* item, FileObject* file, const SaveOptions* options);
+double AacSettings(uint32_t index, uint32_t variant, std::string* labelOut);
+double WmaSettings(uint32_t index, uint32_t variant, std::string* labelOut);
+double AmrSettings(uint32_t index, uint32_t variant, std::string* labelOut);
+
 }  // namespace orlin

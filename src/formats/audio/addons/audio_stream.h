@@ -42,6 +42,7 @@ class AudioStream {
   uint32_t rate = 0;
   uint64_t frames = 0;  // total length; 0 when unknown
   uint32_t bits = 16;   // bits of the source for lossless codecs
+  bool lossless = false;
   AudioTags tags;
 };
 
