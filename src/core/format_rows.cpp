@@ -530,7 +530,7 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /* 516 */ {"xml", nullptr, nullptr, nullptr, "1010 Music sampler (simple 4x4 pads)", 0x60, 0x00000000, 0x2, nullptr},
     /* 517 */ {"xpm", nullptr, nullptr, nullptr, "AKAI new MPC-line instrument", 0x91, 0x00000000, 0x0, nullptr},
     /* 518 */ {"xpn", nullptr, nullptr, nullptr, "AKAI new MPC-line expansion", 0x91, 0x00000000, 0x0, nullptr},
-    /* 519 */ {"wv", nullptr, nullptr, nullptr, "WavPack lossless", 0x91, 0x00000000, 0x0, nullptr},
+    /* 519 */ {"wv", ReadWavPack, WriteWavPack, DetectWavPack, "WavPack lossless", 0x91, 0x00300054, 0x0, nullptr},
     /* 520 */ {"xdb", nullptr, nullptr, nullptr, "Dream SND-series bank set", 0x91, 0x00000000, 0x0, nullptr},
     /* 521 */ {"xdb", nullptr, nullptr, nullptr, "Dream SND5000 bank (relocatable)", 0x91, 0x00000000, 0x1, nullptr},
     /* 522 */ {"xdb", nullptr, nullptr, nullptr, "Dream SND5000 bank (fixed)", 0x91, 0x00000000, 0x2, nullptr},

@@ -53,6 +53,12 @@ TEST(CodecAddons, DecodesCorpusFilesLikeTheReferenceDecoder) {
       {"tone440/ogg_vorbis_q4.ogg", 1, 44100, 22050, 1e-4}, {"sweep/opus_96k.opus", 2, 48000, 24000, 1e-3},
       {"sweep/mp3_cbr128.mp3", 2, 44100, 22050, 1e-3},   {"sweep/mp3_vbr_q2.mp3", 2, 44100, 22050, 1e-3},
       {"tone440/mp3_cbr128.mp3", 1, 44100, 22050, 1e-3}, {"sweep/mp2_192k.mp2", 2, 44100, 23040, 1e-3},
+      {"sweep/wv_s16.wv", 2, 44100, 22050, 0.0},         {"sweep/wv_s24_hx.wv", 2, 44100, 22050, 0.0},
+      {"sweep/wv_f32.wv", 2, 44100, 22050, 0.0},         {"sweep/wv_hybrid_with_wvc.wv", 2, 44100, 22050, 0.0},
+      {"sweep/wv_hybrid_lossy_256k.wv", 2, 44100, 22050, 1e-4}, {"tone440/wv_s16.wv", 1, 44100, 22050, 0.0},
+      {"sweep/caf_alac16_sndfile.caf", 2, 44100, 22050, 0.0}, {"sweep/caf_s16be.caf", 2, 44100, 22050, 0.0},
+      // The reference is the 3GPP fixed-point decoder; FFmpeg's own AMR decoder differs by up to 0.03.
+      {"dtmf8k/amr_nb_sox.amr", 1, 8000, 4000, 0.035},
   };
   for (const CorpusCase& c : cases) {
     SCOPED_TRACE(c.file);
@@ -64,10 +70,11 @@ TEST(CodecAddons, DecodesCorpusFilesLikeTheReferenceDecoder) {
     Waveform* wave = waves[0];
     EXPECT_EQ(wave->channels, c.channels);
     EXPECT_EQ(wave->sampleRate, c.rate);
-    EXPECT_EQ(wave->length, c.frames);
     EXPECT_EQ(wave->Data(), nullptr) << "opening must not decode";
     const float* samples = wave->GetSamplesForRead();
     ASSERT_NE(samples, nullptr) << LastError();
+    // Container durations may be estimates; the length after decoding is what counts.
+    ASSERT_EQ(wave->length, c.frames);
     const std::vector<float> reference = ReadFloats(path + ".f32");
     ASSERT_EQ(reference.size(), size_t(c.frames) * c.channels);
     EXPECT_LE(MaxDifference(samples, reference), c.tolerance);
@@ -93,7 +100,13 @@ TEST(CodecAddons, FfmpegDecodesWhatWeWrite) {
                              {"opus", "", 48000, false},
                              {"mp3", "MP3 CBR 192 kbit/s", 44100, false},
                              {"mp3", "MP3 VBR Quality 5", 44100, false},
-                             {"mp2", "", 44100, false}};
+                             {"mp2", "", 44100, false},
+                             {"wv", "PCM 16-bit", 44100, true},
+                             {"mka", "", 44100, true},
+                             {"caf", "", 44100, true},
+                             {"m4a", "AAC 128 kbit/s", 44100, false},
+                             {"aac", "AAC 160 kbit/s", 44100, false},
+                             {"wma", "", 44100, false}};
   int index = 0;
   for (const WriteCase& c : cases) {
     SCOPED_TRACE(std::string(c.extension) + " " + c.dataFormat);
@@ -105,6 +118,12 @@ TEST(CodecAddons, FfmpegDecodesWhatWeWrite) {
     }
     std::string err;
     ASSERT_EQ(RunOrlin(args, &err), 0) << err;
+    std::string title;
+    test::RunCommand("ffprobe -v error -show_entries format_tags=title:stream_tags=title -of default=nw=1:nk=1 '" + out + "'",
+                     &title);
+    if (std::string(c.extension) != "aac" && std::string(c.extension) != "mp2" && std::string(c.extension) != "caf") {
+      EXPECT_NE(title.find("flac_s16"), std::string::npos) << "the wave's name is written as the title";
+    }
     std::string probe;
     ASSERT_EQ(test::RunCommand("ffprobe -v error -show_entries stream=sample_rate,channels -of csv=p=0 '" + out + "'",
                                &probe), 0);
@@ -119,7 +138,10 @@ TEST(CodecAddons, FfmpegDecodesWhatWeWrite) {
     }
     if (c.rate != 44100) continue;  // resampled by the codec: only the format is checked
     // Lossy: correlation with the master after the best alignment within 3000 frames.
-    EXPECT_NEAR(double(decoded.size()) / 2, double(master.size()) / 2, 1200.0);
+    // Raw ADTS has no place for the encoder's delay, so its priming and padding stay in; FFmpeg's
+    // WMA decoder drops the last block (its own encodes lose it too).
+    const bool looseLength = std::string(c.extension) == "aac" || std::string(c.extension) == "wma";
+    EXPECT_NEAR(double(decoded.size()) / 2, double(master.size()) / 2, looseLength ? 2100.0 : 1200.0);
     double best = 0;
     for (int shift = -3000; shift <= 3000; shift += 1) {
       double xy = 0, xx = 0, yy = 0;

@@ -16,6 +16,7 @@
 #include "formats/audio/addons/mpeg_addon.h"
 #include "formats/audio/addons/opus_addon.h"
 #include "formats/audio/addons/vorbis_addon.h"
+#include "formats/audio/addons/wavpack_addon.h"
 
 namespace orlin {
 
@@ -77,9 +78,18 @@ bool DecodeMpegWave(Waveform* wave, FileObject* file) { return DecodeWith(addons
 std::unique_ptr<AudioStream> OpenMedia(FileObject& file) { return addons::OpenFfmpegStream(file); }
 std::unique_ptr<AudioStream> OpenApe(FileObject& file) { return addons::OpenFfmpegStream(file, addons::kApeMissing); }
 std::unique_ptr<AudioStream> OpenAmr(FileObject& file) { return addons::OpenFfmpegStream(file, addons::kAmrMissing); }
+bool DecodeWavPackWave(Waveform* wave, FileObject* file) { return DecodeWith(addons::OpenWavPackStream, wave, file); }
 bool DecodeMediaWave(Waveform* wave, FileObject* file) { return DecodeWith(OpenMedia, wave, file, false); }
 bool DecodeApeWave(Waveform* wave, FileObject* file) { return DecodeWith(OpenApe, wave, file, false); }
 bool DecodeAmrWave(Waveform* wave, FileObject* file) { return DecodeWith(OpenAmr, wave, file, false); }
+
+// The wave a writer encodes: the item itself, or the first wave of a bank or instrument handed
+// to a row that may hold either.
+Waveform* WaveOf(Item* item) {
+  if (item->Type() == ItemType::Waveform) return static_cast<Waveform*>(item);
+  const std::vector<Waveform*> waves = WavesOfItem(item);
+  return waves.empty() ? nullptr : waves.front();
+}
 
 // Describes one wave from an open stream. `lossless` keeps the stream's bit depth as the source
 // format; otherwise the wave is "Compressed" with its average bit rate.
@@ -119,8 +129,10 @@ struct EncodeSource {
 };
 
 bool PrepareEncode(Item* item, const SaveOptions* options, EncodeSource& source) {
-  auto* wave = static_cast<Waveform*>(item);
-  const float* samples = wave->GetSamplesForRead();
+  Waveform* wave = WaveOf(item);
+  const float* samples = wave ? wave->GetSamplesForRead() : nullptr;
+  if (!wave) SetLastError("Empty item - nothing to save");
+  if (!wave) return false;
   if (!samples || wave->length == 0) {
     if (LastError().empty()) SetLastError("Zero length");
     return false;
@@ -199,10 +211,10 @@ bool ReadFlac(Collection* collection, FileObject* file, uint32_t) {
 }
 
 bool WriteFlac(Item* item, FileObject* file, const SaveOptions* options) {
-  double rate = 0;
-  const uint32_t storage = ChooseSaveFormat(*static_cast<Waveform*>(item), *options, rate);
   EncodeSource source;
   if (!PrepareEncode(item, options, source)) return false;
+  double rate = 0;
+  const uint32_t storage = ChooseSaveFormat(*WaveOf(item), *options, rate);
   const uint32_t bits = storage == kStoragePcm24 ? 24 : 16;
   const uint32_t level = options->variant == 2 ? 8 : 5;
   return addons::EncodeFlac(*file, source.input, bits, level);
@@ -225,10 +237,10 @@ double OggVorbisSettings(uint32_t index, uint32_t variant, std::string* labelOut
 }
 
 bool WriteOggVorbis(Item* item, FileObject* file, const SaveOptions* options) {
-  double rate = 0;
-  ChooseSaveFormat(*static_cast<Waveform*>(item), *options, rate, OggVorbisSettings);
   EncodeSource source;
   if (!PrepareEncode(item, options, source)) return false;
+  double rate = 0;
+  ChooseSaveFormat(*WaveOf(item), *options, rate, OggVorbisSettings);
   // A setting's value is its quality plus one; anything else (a bit rate from another row) is
   // mapped onto the quality scale by the encoder's nominal rates.
   double quality = rate >= 1 && rate <= 11 ? (rate - 1) / 10.0 : std::clamp((rate - 64.0) / 256.0 + 0.2, 0.0, 1.0);
@@ -249,10 +261,10 @@ double OpusSettings(uint32_t index, uint32_t variant, std::string* labelOut) {
 }
 
 bool WriteOpus(Item* item, FileObject* file, const SaveOptions* options) {
-  double rate = 0;
-  ChooseSaveFormat(*static_cast<Waveform*>(item), *options, rate, OpusSettings);
   EncodeSource source;
   if (!PrepareEncode(item, options, source)) return false;
+  double rate = 0;
+  ChooseSaveFormat(*WaveOf(item), *options, rate, OpusSettings);
   return addons::EncodeOpus(*file, source.input, int(std::clamp(rate, 6.0, 510.0)));
 }
 
@@ -285,10 +297,10 @@ double Mp2Settings(uint32_t index, uint32_t variant, std::string* labelOut) {
 }
 
 bool WriteMp3(Item* item, FileObject* file, const SaveOptions* options) {
-  double rate = 0;
-  ChooseSaveFormat(*static_cast<Waveform*>(item), *options, rate, Mp3Settings);
   EncodeSource source;
   if (!PrepareEncode(item, options, source)) return false;
+  double rate = 0;
+  ChooseSaveFormat(*WaveOf(item), *options, rate, Mp3Settings);
   const addons::Mp3Mode mode = addons::Mp3ModeOfVariant(options->variant);
   const int value = mode == addons::Mp3Mode::Vbr ? addons::Mp3VbrQualityOfValue(rate) : int(rate);
   std::vector<uint8_t> bytes;
@@ -301,10 +313,10 @@ bool WriteMp3(Item* item, FileObject* file, const SaveOptions* options) {
 }
 
 bool WriteMp2(Item* item, FileObject* file, const SaveOptions* options) {
-  double rate = 0;
-  ChooseSaveFormat(*static_cast<Waveform*>(item), *options, rate, Mp2Settings);
   EncodeSource source;
   if (!PrepareEncode(item, options, source)) return false;
+  double rate = 0;
+  ChooseSaveFormat(*WaveOf(item), *options, rate, Mp2Settings);
   std::vector<uint8_t> bytes;
   if (!addons::EncodeMp2ToMemory(source.input, int(rate), bytes)) return false;
   if (!file->Write(bytes.data(), bytes.size())) {
@@ -312,6 +324,33 @@ bool WriteMp2(Item* item, FileObject* file, const SaveOptions* options) {
     return false;
   }
   return true;
+}
+
+// ------------------------------------------------------------------------------------------------
+// WavPack
+
+int32_t DetectWavPack(const uint8_t* head, uint32_t, uint32_t headBytes, uint64_t) {
+  return StartsWith(head, headBytes, 0, "wvpk") ? 6 : 0;
+}
+
+bool ReadWavPack(Collection* collection, FileObject* file, uint32_t) {
+  std::unique_ptr<AudioStream> stream = addons::OpenWavPackStream(*file);
+  if (!stream) return false;
+  Waveform* wave = DescribeWave(collection, file, *stream, DecodeWavPackWave, true, "Zero length");
+  if (wave && stream->bits == 32) {
+    wave->SetPcmSourceByFormat(kStorageFloat32, 0);
+    wave->decoder = DecodeWavPackWave;
+  }
+  return wave != nullptr;
+}
+
+bool WriteWavPack(Item* item, FileObject* file, const SaveOptions* options) {
+  EncodeSource source;
+  if (!PrepareEncode(item, options, source)) return false;
+  double rate = 0;
+  const uint32_t storage = ChooseSaveFormat(*WaveOf(item), *options, rate);
+  const uint32_t bits = storage == kStorageFloat32 ? 32 : storage == kStoragePcm24 ? 24 : 16;
+  return addons::EncodeWavPack(*file, source.input, bits);
 }
 
 // ------------------------------------------------------------------------------------------------
@@ -325,10 +364,10 @@ constexpr double kAmrRates[] = {4.75, 5.15, 5.90, 6.70, 7.40, 7.95, 10.20, 12.20
 
 bool WriteThroughFfmpeg(Item* item, FileObject* file, const SaveOptions* options, FormatSettingsList settings,
                         addons::FfmpegEncodeRequest request) {
-  double rate = 0;
-  const uint32_t storage = ChooseSaveFormat(*static_cast<Waveform*>(item), *options, rate, settings);
   EncodeSource source;
   if (!PrepareEncode(item, options, source)) return false;
+  double rate = 0;
+  const uint32_t storage = ChooseSaveFormat(*WaveOf(item), *options, rate, settings);
   if (storage == kStorageCompressed) request.bitRate = int(std::lround(rate * 1000.0));
   else request.bits = storage == kStoragePcm24 ? 24 : 16;
   return addons::EncodeWithFfmpeg(*file, source.input, request);
@@ -445,14 +484,19 @@ namespace {
 
 bool WriteAmrIn(const char* container, Item* item, FileObject* file, const SaveOptions* options) {
   // AMR narrow band codes 8 kHz mono only; the wave is not resampled behind the user's back.
-  if (static_cast<Waveform*>(item)->sampleRate != 8000) {
+  const Waveform* wave = WaveOf(item);
+  if (!wave) {
+    SetLastError("Empty item - nothing to save");
+    return false;
+  }
+  if (wave->sampleRate != 8000) {
     SetLastError("AMR != 8kHz");
     return false;
   }
   SaveOptions mono = *options;
   mono.caps = (mono.caps & ~kCapsStereo) | kCapsMono;
   double rate = 0;
-  ChooseSaveFormat(*static_cast<Waveform*>(item), mono, rate, AmrSettings);
+  ChooseSaveFormat(*wave, mono, rate, AmrSettings);
   EncodeSource source;
   if (!PrepareEncode(item, &mono, source)) return false;
   addons::FfmpegEncodeRequest request{container, "libopencore_amrnb", int(std::lround(rate * 1000.0)), -99, 16,

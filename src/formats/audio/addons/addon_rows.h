@@ -32,6 +32,10 @@ bool WriteMp2(Item* item, FileObject* file, const SaveOptions* options);
 double Mp3Settings(uint32_t index, uint32_t variant, std::string* labelOut);
 double Mp2Settings(uint32_t index, uint32_t variant, std::string* labelOut);
 
+int32_t DetectWavPack(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
+bool ReadWavPack(Collection* collection, FileObject* file, uint32_t variant);
+bool WriteWavPack(Item* item, FileObject* file, const SaveOptions* options);
+
 // Media containers and codecs read through FFmpeg: one detector per signature family.
 int32_t DetectIsoMedia(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
 int32_t DetectQuickTime(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);

@@ -483,7 +483,7 @@ bool EncodeWithFfmpeg(FileObject& file, const EncodeInput& input, const FfmpegEn
         std::vector<float> padded(size_t(frame->nb_samples) * input.channels, 0.0f);
         std::copy_n(input.samples + size_t(at) * input.channels, size_t(count) * input.channels, padded.begin());
         FillFrame(frame, padded.data(), frame->nb_samples, input.channels);
-        frame->nb_samples = count;
+        if (encoder->codec->capabilities & AV_CODEC_CAP_SMALL_LAST_FRAME) frame->nb_samples = count;
       } else {
         FillFrame(frame, input.samples + size_t(at) * input.channels, count, input.channels);
       }
