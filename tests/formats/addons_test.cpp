@@ -31,6 +31,23 @@ double MaxDifference(const float* a, const std::vector<float>& b) {
   return worst;
 }
 
+// Correlation of the left channels of two stereo signals at the best shift of `b` within
+// `maxShift` frames, over the middle of `a`: lossy codecs delay and pad the signal.
+double BestCorrelation(const float* a, size_t aFrames, const float* b, size_t bFrames, int maxShift) {
+  double best = 0;
+  for (int shift = -maxShift; shift <= maxShift; ++shift) {
+    double xy = 0, xx = 0, yy = 0;
+    for (size_t i = 4000; i + 4000 < aFrames; i += 3) {
+      const int64_t j = int64_t(i) + shift;
+      if (j < 0 || size_t(j) >= bFrames) continue;
+      const double x = a[i * 2], y = b[size_t(j) * 2];
+      xy += x * y, xx += x * x, yy += y * y;
+    }
+    if (xx > 0 && yy > 0) best = std::max(best, xy / std::sqrt(xx * yy));
+  }
+  return best;
+}
+
 int RunOrlin(std::vector<const char*> args, std::string* err = nullptr) {
   args.insert(args.begin(), "orlin");
   std::ostringstream out, errors;
@@ -142,19 +159,36 @@ TEST(CodecAddons, FfmpegDecodesWhatWeWrite) {
     // WMA decoder drops the last block (its own encodes lose it too).
     const bool looseLength = std::string(c.extension) == "aac" || std::string(c.extension) == "wma";
     EXPECT_NEAR(double(decoded.size()) / 2, double(master.size()) / 2, looseLength ? 2100.0 : 1200.0);
-    double best = 0;
-    for (int shift = -3000; shift <= 3000; shift += 1) {
-      double xy = 0, xx = 0, yy = 0;
-      for (size_t i = 4000; i + 4000 < master.size() / 2; i += 3) {
-        const int64_t j = int64_t(i) + shift;
-        if (j < 0 || size_t(j) * 2 >= decoded.size()) continue;
-        const double x = master[i * 2], y = decoded[size_t(j) * 2];
-        xy += x * y, xx += x * x, yy += y * y;
-      }
-      if (xx > 0 && yy > 0) best = std::max(best, xy / std::sqrt(xx * yy));
-    }
+    const double best = BestCorrelation(master.data(), master.size() / 2, decoded.data(), decoded.size() / 2, 3000);
     EXPECT_GE(best, 0.99);
   }
+}
+
+// ADTS AAC has no corpus file: FFmpeg encodes one, and our FAAD2 decode must follow FFmpeg's.
+TEST(CodecAddons, AdtsDecodeFollowsFfmpeg) {
+  ORLIN_REQUIRE_TESTDATA();
+  ORLIN_REQUIRE_TOOL("ffmpeg");
+  test::ScratchDir scratch;
+  const std::string source = (test::TestDataDir() / "audio/generated/sweep/flac_s16.flac").string();
+  const std::string aac = scratch.File("sweep.aac"), raw = scratch.File("sweep.f32");
+  ASSERT_EQ(test::RunCommand("ffmpeg -nostdin -v error -y -i '" + source + "' -c:a aac -b:a 160k '" + aac + "'"), 0);
+  ASSERT_EQ(test::RunCommand("ffmpeg -nostdin -v error -y -i '" + aac + "' -f f32le '" + raw + "'"), 0);
+  const std::vector<float> reference = ReadFloats(raw);
+  Collection collection;
+  ASSERT_TRUE(LoadFile(collection, aac, false)) << LastError();
+  Waveform* wave = collection.All<Waveform>().ToVector().at(0);
+  EXPECT_EQ(wave->sampleRate, 44100u);
+  EXPECT_EQ(wave->channels, 2);
+  EXPECT_EQ(size_t(wave->length), reference.size() / 2);
+  const float* samples = wave->GetSamplesForRead();
+  ASSERT_NE(samples, nullptr) << LastError();
+  EXPECT_GE(BestCorrelation(reference.data(), reference.size() / 2, samples, wave->length, 2048), 0.999);
+
+  ASSERT_TRUE(addons::HideAddonForTest("faad2", true));
+  Collection hidden;
+  EXPECT_FALSE(LoadFile(hidden, aac, false));
+  EXPECT_EQ(LastError(), "You need to install the free libfaad2.dll add-on before you can read AAC-compressed data");
+  ASSERT_TRUE(addons::HideAddonForTest("faad2", false));
 }
 
 TEST(CodecAddons, MissingAddonGivesItsTextAndTheBatchGoesOn) {

@@ -11,6 +11,7 @@
 #include "core/file_object.h"
 #include "core/last_error.h"
 #include "core/save_choice.h"
+#include "formats/audio/addons/aac_addon.h"
 #include "formats/audio/addons/ffmpeg_addon.h"
 #include "formats/audio/addons/flac_addon.h"
 #include "formats/audio/addons/mpeg_addon.h"
@@ -79,6 +80,7 @@ std::unique_ptr<AudioStream> OpenMedia(FileObject& file) { return addons::OpenFf
 std::unique_ptr<AudioStream> OpenApe(FileObject& file) { return addons::OpenFfmpegStream(file, addons::kApeMissing); }
 std::unique_ptr<AudioStream> OpenAmr(FileObject& file) { return addons::OpenFfmpegStream(file, addons::kAmrMissing); }
 bool DecodeWavPackWave(Waveform* wave, FileObject* file) { return DecodeWith(addons::OpenWavPackStream, wave, file); }
+bool DecodeAacWave(Waveform* wave, FileObject* file) { return DecodeWith(addons::OpenAdtsStream, wave, file); }
 bool DecodeMediaWave(Waveform* wave, FileObject* file) { return DecodeWith(OpenMedia, wave, file, false); }
 bool DecodeApeWave(Waveform* wave, FileObject* file) { return DecodeWith(OpenApe, wave, file, false); }
 bool DecodeAmrWave(Waveform* wave, FileObject* file) { return DecodeWith(OpenAmr, wave, file, false); }
@@ -431,6 +433,10 @@ int32_t DetectMpegSystem(const uint8_t* head, uint32_t, uint32_t headBytes, uint
 bool ReadMediaContainer(Collection* collection, FileObject* file, uint32_t) {
   std::unique_ptr<AudioStream> stream = OpenMedia(*file);
   return stream && DescribeWave(collection, file, *stream, DecodeMediaWave, stream->lossless, "Zero length");
+}
+bool ReadAacStream(Collection* collection, FileObject* file, uint32_t) {
+  std::unique_ptr<AudioStream> stream = addons::OpenAdtsStream(*file);
+  return stream && DescribeWave(collection, file, *stream, DecodeAacWave, false, "Zero length");
 }
 bool ReadApe(Collection* collection, FileObject* file, uint32_t) {
   std::unique_ptr<AudioStream> stream = OpenApe(*file);

@@ -52,6 +52,7 @@ int32_t DetectAmr(const uint8_t* head, uint32_t variant, uint32_t headBytes, uin
 int32_t DetectAacStream(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
 int32_t DetectMpegSystem(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
 bool ReadMediaContainer(Collection* collection, FileObject* file, uint32_t variant);
+bool ReadAacStream(Collection* collection, FileObject* file, uint32_t variant);  // ADTS through FAAD2
 bool ReadApe(Collection* collection, FileObject* file, uint32_t variant);
 bool ReadAmr(Collection* collection, FileObject* file, uint32_t variant);
 
