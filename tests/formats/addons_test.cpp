@@ -12,7 +12,10 @@
 #include "core/collection.h"
 #include "core/last_error.h"
 #include "core/pipeline.h"
+#include "core/save_choice.h"
+#include "core/format_table.h"
 #include "formats/audio/addons/addon_loader.h"
+#include "formats/audio/addons/mpeg_addon.h"
 #include "test_support.h"
 
 namespace orlin {
@@ -223,6 +226,102 @@ TEST(CodecAddons, MissingAddonGivesItsTextAndTheBatchGoesOn) {
   // Retried on the next use: the library is found again without a restart.
   Collection again;
   EXPECT_TRUE(LoadFile(again, flac, false)) << LastError();
+}
+
+// Tags written by ffmpeg (Vorbis comments, Opus tags, ID3v2, APE) land in the text fields; a
+// picture we save comes out of ffmpeg as an attached picture.
+TEST(CodecAddons, TagsAndPicturesBothWays) {
+  ORLIN_REQUIRE_TESTDATA();
+  ORLIN_REQUIRE_TOOL("ffmpeg");
+  ORLIN_REQUIRE_TOOL("ffprobe");
+  test::ScratchDir scratch;
+  const std::string source = (test::TestDataDir() / "audio/generated/sweep/flac_s16.flac").string();
+  const std::string tags =
+      "-metadata title=Tune -metadata artist=Someone -metadata album=Record -metadata comment=Notes "
+      "-metadata copyright=Owner";
+  for (const char* extension : {"flac", "ogg", "opus", "mp3", "wv", "m4a"}) {
+    SCOPED_TRACE(extension);
+    const std::string tagged = scratch.File(std::string("tagged.") + extension);
+    ASSERT_EQ(test::RunCommand("ffmpeg -nostdin -v error -y -i '" + source + "' " + tags + " '" + tagged + "'"), 0);
+    Collection collection;
+    ASSERT_TRUE(LoadFile(collection, tagged, false)) << LastError();
+    Waveform* wave = collection.All<Waveform>().ToVector().at(0);
+    EXPECT_EQ(wave->GetText(kTextName), "Tune");
+    EXPECT_EQ(wave->GetText(kTextArtist), "Someone");
+    EXPECT_EQ(wave->GetText(kTextProduct), "Record");
+    EXPECT_EQ(wave->GetText(kTextComments), "Notes");
+    if (std::string(extension) != "m4a") {
+      EXPECT_EQ(wave->GetText(kTextCopyright), "Owner");
+    }
+  }
+
+  // A tiny PNG (the signature and an IHDR are enough for ffmpeg to call it a picture).
+  const std::vector<uint8_t> png = {0x89, 'P', 'N', 'G', 0x0D, 0x0A, 0x1A, 0x0A, 0, 0, 0, 13, 'I', 'H', 'D', 'R',
+                                    0, 0, 0, 1, 0, 0, 0, 1, 8, 2, 0, 0, 0, 0x90, 0x77, 0x53, 0xDE};
+  for (const char* extension : {"flac", "mp3"}) {
+    SCOPED_TRACE(extension);
+    Collection collection;
+    ASSERT_TRUE(LoadFile(collection, source, false)) << LastError();
+    Waveform* wave = collection.All<Waveform>().ToVector().at(0);
+    wave->SetImage(png.data(), png.size());
+    const std::string out = scratch.File(std::string("picture.") + extension);
+    const int32_t row = FindWriteRow(extension, kMaskWaveform);
+    ASSERT_TRUE(SaveItem(wave, row, out, DefaultSaveOptions(row))) << LastError();
+    std::string streams;
+    test::RunCommand("ffprobe -v error -show_entries stream=codec_type,codec_name -of csv=p=0 '" + out + "'", &streams);
+    EXPECT_NE(streams.find("png,video"), std::string::npos) << streams;
+    Collection again;
+    ASSERT_TRUE(LoadFile(again, out, false)) << LastError();
+    EXPECT_EQ(again.All<Waveform>().ToVector().at(0)->GetImage(), png);
+  }
+}
+
+// The settings lists the save dialog and `--data-format` offer, read through the table.
+TEST(CodecAddons, Mp3SettingsListsAndLabels) {
+  auto labels = [](int32_t row) {
+    std::vector<std::string> out;
+    for (const auto& [value, label] : GetSettingsList(row)) out.push_back(label);
+    return out;
+  };
+  const auto cbr = labels(245), abr = labels(246), vbr = labels(247);
+  ASSERT_FALSE(cbr.empty());
+  EXPECT_EQ(cbr.front(), "MP3 CBR 32 kbit/s");
+  EXPECT_EQ(cbr.back(), "MP3 CBR 320 kbit/s");
+  EXPECT_EQ(abr.front(), "MP3 ABR 32 kbit/s");
+  ASSERT_EQ(vbr.size(), 10u);
+  EXPECT_EQ(vbr.front(), "MP3 VBR Quality 0 (min)");
+  EXPECT_EQ(vbr[5], "MP3 VBR Quality 5");
+  EXPECT_EQ(vbr.back(), "MP3 VBR Quality 9 (max)");
+  const auto values = GetSettingsList(247);
+  EXPECT_EQ(values.front().first, 32.0);
+  EXPECT_EQ(values.back().first, 256.0);
+  EXPECT_EQ(labels(243).front(), "MP2 CBR 32 kbit/s");
+}
+
+// The entry points a container with embedded MPEG frames uses: bare frames in memory, and back.
+TEST(CodecAddons, Mp3FramesInMemoryRoundTrip) {
+  std::vector<float> tone(44100 * 2);
+  for (size_t i = 0; i < tone.size() / 2; ++i)
+    tone[2 * i] = tone[2 * i + 1] = 0.5f * float(std::sin(2 * M_PI * 440.0 * double(i) / 44100.0));
+  addons::EncodeInput input;
+  input.samples = tone.data();
+  input.frames = 44100;
+  input.channels = 2;
+  input.rate = 44100;
+  std::vector<uint8_t> frames;
+  ASSERT_TRUE(addons::EncodeMp3ToMemory(input, addons::Mp3Mode::Cbr, 128, false, frames)) << LastError();
+  ASSERT_GT(frames.size(), 1000u);
+  EXPECT_EQ(frames[0], 0xFF) << "bare frames start with a sync word, no tag";
+  std::unique_ptr<addons::AudioStream> stream = addons::OpenMpegMemoryStream(frames);
+  ASSERT_NE(stream, nullptr) << LastError();
+  EXPECT_EQ(stream->rate, 44100u);
+  EXPECT_EQ(stream->channels, 2u);
+  std::vector<float> decoded;
+  ASSERT_TRUE(addons::ReadAllFrames(*stream, decoded, 1u << 20));
+  // Without an info frame the encoder's delay and padding stay: at most two frames of 1152 more.
+  EXPECT_GE(decoded.size() / 2, 44100u);
+  EXPECT_LE(decoded.size() / 2, 44100u + 2 * 1152 + 576);
+  EXPECT_GE(BestCorrelation(tone.data(), 44100, decoded.data(), decoded.size() / 2, 2400), 0.99);
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <strings.h>
 #include <mutex>
 
 #include "core/file_object.h"
@@ -204,6 +205,10 @@ class MpegStream : public AudioStream {
       tags.comments = FromMpgString(v2->comment);
       for (size_t i = 0; i < v2->texts; ++i)
         if (std::memcmp(v2->text[i].id, "TCOP", 4) == 0) tags.copyright = FromMpgString(&v2->text[i].text);
+      // Some writers keep the comment in a user text frame named "comment".
+      for (size_t i = 0; i < v2->extras && tags.comments.empty(); ++i)
+        if (strcasecmp(FromMpgString(&v2->extra[i].description).c_str(), "comment") == 0)
+          tags.comments = FromMpgString(&v2->extra[i].text);
       for (size_t i = 0; i < v2->pictures; ++i) {
         const mpg123_picture& picture = v2->picture[i];
         if (picture.data && picture.size && (tags.picture.empty() || picture.type == mpg123_id3_pic_front_cover)) {
