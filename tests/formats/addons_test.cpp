@@ -276,6 +276,51 @@ TEST(CodecAddons, TagsAndPicturesBothWays) {
   }
 }
 
+// Containers FFmpeg reads, with lossless codecs so that our decode must equal ffmpeg's own.
+TEST(CodecAddons, LosslessContainersDecodeExactlyLikeFfmpeg) {
+  ORLIN_REQUIRE_TESTDATA();
+  ORLIN_REQUIRE_TOOL("ffmpeg");
+  test::ScratchDir scratch;
+  const std::string source = (test::TestDataDir() / "audio/generated/sweep/flac_s16.flac").string();
+  const std::pair<const char*, const char*> cases[] = {{"avi", "-c:a pcm_s16le"}, {"mov", "-c:a alac"},
+                                                       {"mkv", "-c:a flac"},      {"mp4", "-c:a alac"},
+                                                       {"wma", "-c:a wmav2 -b:a 128k"}};
+  for (const auto& [extension, options] : cases) {
+    SCOPED_TRACE(extension);
+    const std::string file = scratch.File(std::string("in.") + extension), raw = file + ".f32";
+    ASSERT_EQ(test::RunCommand("ffmpeg -nostdin -v error -y -i '" + source + "' " + options + " '" + file + "'"), 0);
+    ASSERT_EQ(test::RunCommand("ffmpeg -nostdin -v error -y -i '" + file + "' -f f32le '" + raw + "'"), 0);
+    const std::vector<float> reference = ReadFloats(raw);
+    Collection collection;
+    ASSERT_TRUE(LoadFile(collection, file, false)) << LastError();
+    Waveform* wave = collection.All<Waveform>().ToVector().at(0);
+    const float* samples = wave->GetSamplesForRead();
+    ASSERT_NE(samples, nullptr) << LastError();
+    ASSERT_EQ(size_t(wave->length) * 2, reference.size());
+    // The same decoder: bit-exact for lossless codecs, and for WMA too.
+    EXPECT_LE(MaxDifference(samples, reference), 1e-6);
+  }
+}
+
+TEST(CodecAddons, LibraryNamesAreTriedInOrderAndAmrNeedsEightKilohertz) {
+  ORLIN_REQUIRE_TESTDATA();
+  addons::AddonLibrary* library = addons::FindAddonLibrary("vorbisfile");
+  ASSERT_NE(library, nullptr);
+  // The first name is absent, the second present: reading works.
+  library->OverrideSonames({"libvorbisfile-absent.so.3", "libvorbisfile.so.3"});
+  Collection collection;
+  EXPECT_TRUE(LoadFile(collection, (test::TestDataDir() / "audio/generated/sweep/ogg_vorbis_q4.ogg").string(), false))
+      << LastError();
+  library->OverrideSonames({});
+
+  Collection sweep;
+  ASSERT_TRUE(LoadFile(sweep, (test::TestDataDir() / "audio/generated/sweep/flac_s16.flac").string(), false));
+  test::ScratchDir scratch;
+  const int32_t row = FindWriteRow("amr", kMaskWaveform);
+  EXPECT_FALSE(SaveItem(sweep.All<Waveform>().ToVector().at(0), row, scratch.File("x.amr"), DefaultSaveOptions(row)));
+  EXPECT_EQ(LastError(), "AMR != 8kHz");
+}
+
 // The settings lists the save dialog and `--data-format` offer, read through the table.
 TEST(CodecAddons, Mp3SettingsListsAndLabels) {
   auto labels = [](int32_t row) {
