@@ -15,7 +15,15 @@
 #include "core/save_choice.h"
 #include "core/format_table.h"
 #include "formats/audio/addons/addon_loader.h"
+#include "core/file_object.h"
+#include "formats/audio/addons/aac_addon.h"
+#include "formats/audio/addons/audio_stream.h"
+#include "formats/audio/addons/ffmpeg_addon.h"
+#include "formats/audio/addons/flac_addon.h"
 #include "formats/audio/addons/mpeg_addon.h"
+#include "formats/audio/addons/opus_addon.h"
+#include "formats/audio/addons/vorbis_addon.h"
+#include "formats/audio/addons/wavpack_addon.h"
 #include "test_support.h"
 
 namespace orlin {
@@ -319,6 +327,147 @@ TEST(CodecAddons, LibraryNamesAreTriedInOrderAndAmrNeedsEightKilohertz) {
   const int32_t row = FindWriteRow("amr", kMaskWaveform);
   EXPECT_FALSE(SaveItem(sweep.All<Waveform>().ToVector().at(0), row, scratch.File("x.amr"), DefaultSaveOptions(row)));
   EXPECT_EQ(LastError(), "AMR != 8kHz");
+}
+
+// Every glue layer seeks by frame index: reading from a seek lands on the same frames as reading
+// through from the start.
+TEST(CodecAddons, SeekBySampleIndexMatchesAStraightRead) {
+  ORLIN_REQUIRE_TESTDATA();
+  using Opener = std::unique_ptr<addons::AudioStream> (*)(FileObject&);
+  const std::pair<const char*, Opener> cases[] = {
+      {"sweep/flac_s16.flac", addons::OpenFlacStream},
+      {"sweep/ogg_vorbis_q4.ogg", addons::OpenVorbisStream},
+      {"sweep/opus_96k.opus", addons::OpenOpusStream},
+      {"sweep/mp3_cbr128.mp3", addons::OpenMpegStream},
+      {"sweep/wv_s24_hx.wv", addons::OpenWavPackStream},
+      {"sweep/caf_alac16_sndfile.caf", [](FileObject& file) { return addons::OpenFfmpegStream(file); }},
+  };
+  for (const auto& [name, open] : cases) {
+    SCOPED_TRACE(name);
+    FileObject file;
+    ASSERT_TRUE(file.Open((test::TestDataDir() / "audio/generated" / name).string(), FileMode::Read));
+    std::unique_ptr<addons::AudioStream> stream = open(file);
+    ASSERT_NE(stream, nullptr) << LastError();
+    std::vector<float> whole;
+    ASSERT_TRUE(addons::ReadAllFrames(*stream, whole, 1u << 20));
+    const uint32_t channels = stream->channels;
+    for (const uint64_t at : {uint64_t(0), uint64_t(5000), uint64_t(12345)}) {
+      SCOPED_TRACE(at);
+      ASSERT_TRUE(stream->Seek(at));
+      std::vector<float> part(size_t(1000) * channels);
+      ASSERT_EQ(stream->Read(part.data(), 1000), 1000);
+      // Opus restarts its decoder with an 80 ms pre-roll after a seek: the state converges but is
+      // not bit-identical. The others land exactly.
+      const double tolerance = std::string(name).ends_with(".opus") ? 0.1 : 1e-6;
+      double worst = 0;
+      for (size_t i = 0; i < part.size(); ++i)
+        worst = std::max(worst, std::fabs(double(part[i]) - whole[size_t(at) * channels + i]));
+      EXPECT_LE(worst, tolerance);
+    }
+  }
+}
+
+// Damaged files fail with a message or decode what is there; cut streams never crash, and an ID3
+// tag before a FLAC stream is stepped over.
+TEST(CodecAddons, CutAndPrefixedStreams) {
+  ORLIN_REQUIRE_TESTDATA();
+  test::ScratchDir scratch;
+  for (const char* name : {"sweep/flac_s16.flac", "sweep/ogg_vorbis_q4.ogg", "sweep/opus_96k.opus",
+                           "sweep/mp3_cbr128.mp3", "sweep/wv_s16.wv", "sweep/caf_alac16_sndfile.caf"}) {
+    SCOPED_TRACE(name);
+    std::vector<uint8_t> bytes = test::ReadBytes((test::TestDataDir() / "audio/generated" / name).string());
+    for (const size_t keep : {size_t(40), bytes.size() / 2}) {
+      const std::string cut = scratch.File("cut" + std::to_string(keep) + "." + std::filesystem::path(name).extension().string().substr(1));
+      test::WriteBytes(cut, std::vector<uint8_t>(bytes.begin(), bytes.begin() + ptrdiff_t(keep)));
+      Collection collection;
+      if (!LoadFile(collection, cut, false)) {
+        EXPECT_FALSE(LastError().empty());
+        continue;
+      }
+      for (Waveform* wave : collection.All<Waveform>()) {
+        if (wave->GetSamplesForRead() == nullptr) {
+          EXPECT_FALSE(LastError().empty());
+        }
+      }
+    }
+  }
+
+  const std::string source = (test::TestDataDir() / "audio/generated/sweep/flac_s16.flac").string();
+  std::vector<uint8_t> tagged = {'I', 'D', '3', 4, 0, 0, 0, 0, 0, 20};
+  tagged.resize(30, 0);
+  const std::vector<uint8_t> flac = test::ReadBytes(source);
+  tagged.insert(tagged.end(), flac.begin(), flac.end());
+  const std::string path = scratch.File("tagged.flac");
+  test::WriteBytes(path, tagged);
+  Collection collection;
+  ASSERT_TRUE(LoadFile(collection, path, false)) << LastError();
+  Waveform* wave = collection.All<Waveform>().ToVector().at(0);
+  EXPECT_EQ(wave->sourceOffset, 30u);
+  const float* samples = wave->GetSamplesForRead();
+  ASSERT_NE(samples, nullptr) << LastError();
+  EXPECT_EQ(MaxDifference(samples, ReadFloats(source + ".f32")), 0.0);
+}
+
+// With each library hidden, reading and writing give that library's own words.
+TEST(CodecAddons, EachMissingLibraryHasItsText) {
+  ORLIN_REQUIRE_TESTDATA();
+  const std::string dir = (test::TestDataDir() / "audio/generated/sweep/").string();
+  struct Case {
+    const char* key;
+    const char* file;  // read with the library hidden; null to skip reading
+    const char* writeTo;  // extension written with the library hidden; null to skip writing
+    const char* text;
+  };
+  const Case cases[] = {
+      {"vorbisfile", "ogg_vorbis_q4.ogg", nullptr, "You need to install the Ogg Vorbis DLL's"},
+      {"vorbisenc", nullptr, "ogg", "You need to install the Vorbis Ogg DLL's"},
+      {"opusfile", "opus_96k.opus", nullptr, "Failed opening Opus stream"},
+      {"opusenc", nullptr, "opus", "Couldn't create Opus"},
+      {"twolame", nullptr, "mp2", "You need to install the free tooLameF.dll encoder add-on if you wish to compress MP3-audio."},
+      {"wavpack", "wv_s16.wv", "wv", "To read or write WavPack files (.wv) you need install the 'wavpackdll.dll' add-on"},
+      {"avformat", "caf_alac16_sndfile.caf", "m4a", nullptr},
+  };
+  Collection source;
+  ASSERT_TRUE(LoadFile(source, dir + "flac_s16.flac", false)) << LastError();
+  Waveform* wave = source.All<Waveform>().ToVector().at(0);
+  ASSERT_NE(wave->GetSamplesForRead(), nullptr);
+  test::ScratchDir scratch;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.key);
+    const std::string text = c.text ? c.text : addons::kFfmpegMissing;
+    ASSERT_TRUE(addons::HideAddonForTest(c.key, true));
+    if (c.file) {
+      Collection collection;
+      EXPECT_FALSE(LoadFile(collection, dir + c.file, false));
+      EXPECT_EQ(LastError(), text);
+    }
+    if (c.writeTo) {
+      const int32_t row = FindWriteRow(c.writeTo, kMaskWaveform);
+      const std::string out = scratch.File(std::string("out.") + c.writeTo);
+      EXPECT_FALSE(SaveItem(wave, row, out, DefaultSaveOptions(row)));
+      EXPECT_EQ(LastError(), c.key == std::string("avformat") ? addons::kAacEncoderMissing : text);
+      EXPECT_FALSE(std::filesystem::exists(out)) << "a failed save leaves no file";
+    }
+    ASSERT_TRUE(addons::HideAddonForTest(c.key, false));
+  }
+}
+
+// A stereo wave saved to a mono choice, and a mono wave to a stereo-only codec.
+TEST(CodecAddons, ChannelChoiceIsWhatTheFileHolds) {
+  ORLIN_REQUIRE_TESTDATA();
+  ORLIN_REQUIRE_TOOL("ffprobe");
+  test::ScratchDir scratch;
+  const std::string stereo = (test::TestDataDir() / "audio/generated/sweep/flac_s16.flac").string();
+  for (const char* extension : {"flac", "mp3", "mp2", "ogg", "opus", "wv", "m4a"}) {
+    SCOPED_TRACE(extension);
+    const std::string out = scratch.File(std::string("mono.") + extension);
+    std::string err;
+    ASSERT_EQ(RunOrlin({"convert", stereo.c_str(), "--to", extension, "--channels", "mono", "-o", out.c_str()}, &err), 0)
+        << err;
+    std::string probe;
+    test::RunCommand("ffprobe -v error -show_entries stream=channels -of csv=p=0 '" + out + "'", &probe);
+    EXPECT_EQ(probe.substr(0, probe.find('\n')), "1");
+  }
 }
 
 // The settings lists the save dialog and `--data-format` offer, read through the table.

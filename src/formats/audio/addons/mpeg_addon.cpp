@@ -39,7 +39,7 @@ struct LameApi {
   decltype(&lame_set_bWriteVbrTag) setWriteVbrTag;
   decltype(&lame_set_write_id3tag_automatic) setId3Automatic;
   decltype(&lame_init_params) initParams;
-  decltype(&lame_encode_buffer_interleaved_ieee_float) encodeFloat;
+  decltype(&lame_encode_buffer_ieee_float) encodeFloat;
   decltype(&lame_encode_flush) flush;
   decltype(&lame_get_lametag_frame) lametagFrame;
   decltype(&lame_get_id3v2_tag) id3v2Tag;
@@ -64,6 +64,7 @@ struct TwoLameApi {
   decltype(&twolame_encode_buffer_float32_interleaved) encodeFloat;
   decltype(&twolame_encode_flush) flush;
   decltype(&twolame_close) close;
+  decltype(&twolame_set_verbosity) setVerbosity;
 } twolame;
 
 #define ORLIN_SYMBOL(table, field, name) {name, reinterpret_cast<void**>(&table.field)}
@@ -80,7 +81,7 @@ const AddonSymbol kLameSymbols[] = {
     ORLIN_SYMBOL(lame, setWriteVbrTag, "lame_set_bWriteVbrTag"),
     ORLIN_SYMBOL(lame, setId3Automatic, "lame_set_write_id3tag_automatic"),
     ORLIN_SYMBOL(lame, initParams, "lame_init_params"),
-    ORLIN_SYMBOL(lame, encodeFloat, "lame_encode_buffer_interleaved_ieee_float"),
+    ORLIN_SYMBOL(lame, encodeFloat, "lame_encode_buffer_ieee_float"),
     ORLIN_SYMBOL(lame, flush, "lame_encode_flush"),
     ORLIN_SYMBOL(lame, lametagFrame, "lame_get_lametag_frame"),
     ORLIN_SYMBOL(lame, id3v2Tag, "lame_get_id3v2_tag"),
@@ -104,6 +105,7 @@ const AddonSymbol kTwoLameSymbols[] = {
     ORLIN_SYMBOL(twolame, encodeFloat, "twolame_encode_buffer_float32_interleaved"),
     ORLIN_SYMBOL(twolame, flush, "twolame_encode_flush"),
     ORLIN_SYMBOL(twolame, close, "twolame_close"),
+    ORLIN_SYMBOL(twolame, setVerbosity, "twolame_set_verbosity"),
 };
 #undef ORLIN_SYMBOL
 
@@ -309,11 +311,17 @@ bool EncodeMp3ToMemory(const EncodeInput& input, Mp3Mode mode, int value, bool w
     out.assign(tag.begin(), tag.begin() + std::min(tagBytes, tag.size()));
   }
   std::vector<unsigned char> buffer(size_t(1.25 * 4096 + 7200) * 2);
+  // The encoder's interleaved entry point always reads two channels, so the planes are split here.
+  std::vector<float> left(4096), right(4096);
   bool ok = true;
   for (uint32_t at = 0; ok && at < input.frames; at += 4096) {
     const uint32_t count = std::min<uint32_t>(4096, input.frames - at);
-    const int got = lame.encodeFloat(flags, input.samples + size_t(at) * input.channels, int(count), buffer.data(),
-                                     int(buffer.size()));
+    const float* source = input.samples + size_t(at) * input.channels;
+    for (uint32_t i = 0; i < count; ++i) {
+      left[i] = source[size_t(i) * input.channels];
+      right[i] = source[size_t(i) * input.channels + (input.channels > 1 ? 1 : 0)];
+    }
+    const int got = lame.encodeFloat(flags, left.data(), right.data(), int(count), buffer.data(), int(buffer.size()));
     ok = got >= 0;
     AppendBytes(out, buffer.data(), got);
   }
@@ -347,7 +355,9 @@ bool EncodeMp2ToMemory(const EncodeInput& input, int kbps, std::vector<uint8_t>&
   twolame.setChannels(options, int(input.channels));
   twolame.setInRate(options, int(input.rate));
   twolame.setOutRate(options, int(input.rate));
-  twolame.setBitRate(options, kbps);
+  // Layer II mono stops at 192 kbit/s; a higher stereo setting is brought down to it.
+  twolame.setBitRate(options, input.channels == 1 ? std::min(kbps, 192) : kbps);
+  twolame.setVerbosity(options, 0);
   twolame.setMode(options, input.channels == 1 ? TWOLAME_MONO : TWOLAME_JOINT_STEREO);
   if (twolame.initParams(options) != 0) {
     twolame.close(&options);

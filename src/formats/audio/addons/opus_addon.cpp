@@ -26,6 +26,7 @@ struct OpusFileApi {
   decltype(&op_tags) tags;
   decltype(&op_read_float) readFloat;
   decltype(&op_pcm_seek) pcmSeek;
+  decltype(&op_raw_seek) rawSeek;
 } fileApi;
 
 struct OpusEncApi {
@@ -44,7 +45,7 @@ const AddonSymbol kFileSymbols[] = {
     ORLIN_SYMBOL(fileApi, open, "op_open_callbacks"),       ORLIN_SYMBOL(fileApi, free, "op_free"),
     ORLIN_SYMBOL(fileApi, channelCount, "op_channel_count"), ORLIN_SYMBOL(fileApi, pcmTotal, "op_pcm_total"),
     ORLIN_SYMBOL(fileApi, tags, "op_tags"),                 ORLIN_SYMBOL(fileApi, readFloat, "op_read_float"),
-    ORLIN_SYMBOL(fileApi, pcmSeek, "op_pcm_seek"),
+    ORLIN_SYMBOL(fileApi, pcmSeek, "op_pcm_seek"),     ORLIN_SYMBOL(fileApi, rawSeek, "op_raw_seek"),
 };
 const AddonSymbol kEncSymbols[] = {
     ORLIN_SYMBOL(encApi, create, "ope_encoder_create_callbacks"),
@@ -119,7 +120,11 @@ class OpusStream : public AudioStream {
     return done;
   }
 
-  bool Seek(uint64_t frame) override { return fileApi.pcmSeek(opus_, ogg_int64_t(frame)) == 0; }
+  bool Seek(uint64_t frame) override {
+    // libopusfile 0.12 can land a few hundred frames off when the target lies shortly after the
+    // current position in the same link; a raw seek to the start first makes it search afresh.
+    return fileApi.rawSeek(opus_, 0) == 0 && fileApi.pcmSeek(opus_, ogg_int64_t(frame)) == 0;
+  }
 
  private:
   FileSource source_;
