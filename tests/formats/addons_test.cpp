@@ -470,6 +470,61 @@ TEST(CodecAddons, ChannelChoiceIsWhatTheFileHolds) {
   }
 }
 
+// Each corpus file is found by its own row, and by its signature alone under a foreign name.
+TEST(CodecAddons, DetectorsFindTheirFilesWithAndWithoutTheExtension) {
+  ORLIN_REQUIRE_TESTDATA();
+  test::ScratchDir scratch;
+  const std::pair<const char*, const char*> cases[] = {
+      {"sweep/flac_s16.flac", "flac"}, {"sweep/ogg_vorbis_q4.ogg", "ogg"}, {"sweep/opus_96k.opus", "opus"},
+      {"sweep/mp3_vbr_q2.mp3", "mp3"}, {"sweep/mp2_192k.mp2", "mp2"},     {"sweep/wv_s16.wv", "wv"},
+      {"sweep/caf_s16be.caf", "caf"},  {"dtmf8k/amr_nb_sox.amr", "amr"},
+  };
+  for (const auto& [name, extension] : cases) {
+    SCOPED_TRACE(name);
+    const std::string path = (test::TestDataDir() / "audio/generated" / name).string();
+    FileObject file;
+    ASSERT_TRUE(file.Open(path, FileMode::Read));
+    int32_t confidence = 0;
+    const int32_t row = DetectFileFormat(path, file, confidence);
+    EXPECT_EQ(GetRowExtension(row), extension);
+    // Bare MPEG frames have no magic, only a plausible header: a weak signature. An ID3 tag in
+    // front of them makes it certain.
+    const bool bareFrames = std::string(extension) == "mp2";
+    EXPECT_EQ(confidence, bareFrames ? 77 : 100);
+    const std::string renamed = scratch.File("renamed.xyz");
+    std::filesystem::copy_file(path, renamed, std::filesystem::copy_options::overwrite_existing);
+    FileObject other;
+    ASSERT_TRUE(other.Open(renamed, FileMode::Read));
+    const int32_t found = DetectFileFormat(renamed, other, confidence);
+    if (bareFrames) {
+      EXPECT_EQ(GetRowExtension(found), "*") << "a weak signature alone does not beat the raw import";
+      continue;
+    }
+    EXPECT_EQ(GetRowExtension(found), extension);
+    EXPECT_EQ(confidence, 66);
+  }
+}
+
+// ORLIN_ADDON_PATH names a folder searched before the system's library path.
+TEST(CodecAddons, AddonFolderIsSearchedFirst) {
+  ORLIN_REQUIRE_TESTDATA();
+  const std::filesystem::path system = "/usr/lib/x86_64-linux-gnu/libFLAC.so.12";
+  if (!std::filesystem::exists(system)) GTEST_SKIP() << "libFLAC.so.12 is not at " << system;
+  test::ScratchDir scratch;
+  std::filesystem::create_symlink(system, scratch.Path() / "liborlin-private-flac.so");
+  addons::AddonLibrary* library = addons::FindAddonLibrary("flac");
+  ASSERT_NE(library, nullptr);
+  library->OverrideSonames({"liborlin-private-flac.so"});
+  const std::string flac = (test::TestDataDir() / "audio/generated/sweep/flac_s16.flac").string();
+  Collection without;
+  EXPECT_FALSE(LoadFile(without, flac, false)) << "the private name is nowhere on the system path";
+  setenv("ORLIN_ADDON_PATH", scratch.Path().c_str(), 1);
+  Collection with;
+  EXPECT_TRUE(LoadFile(with, flac, false)) << LastError();
+  unsetenv("ORLIN_ADDON_PATH");
+  library->OverrideSonames({});
+}
+
 // The settings lists the save dialog and `--data-format` offer, read through the table.
 TEST(CodecAddons, Mp3SettingsListsAndLabels) {
   auto labels = [](int32_t row) {
