@@ -28,6 +28,8 @@ struct WaveWriteParams {
 int32_t DetectWav(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
 int32_t DetectBroadcastWav(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
 int32_t DetectRockwellRif(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
+// A WAVE whose fmt (first chunk) holds the USR modem GSM tag.
+int32_t DetectUsrGsmWav(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
 int32_t DetectSmartSoundSds(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
 
 bool ReadWav(Collection* collection, FileObject* file, uint32_t variant);
@@ -52,9 +54,11 @@ void ReadSamplerChunk(Waveform& wave, const uint8_t* body, size_t size);
 // Name of a format tag for messages and `orlin info` ("MS ADPCM", "MP3" ...); "" when unknown.
 const char* WaveTagName(uint32_t tag);
 
-// Save index that a WAVE writer can hold; both writers use it.
+// Save indices of plain samples that both WAVE writers hold; a row without a storage list gets these.
 constexpr uint32_t kWaveWritableStorage = (1u << 0) | (1u << 2) | (1u << 4) | (1u << 5) | (1u << 6) | (1u << 8) |
                                           (1u << 9);
+// The coded indices the RIFF WAVE writer holds besides (GSM, ADPCM 2- to 5-bit), always mono.
+constexpr uint32_t kWaveCodedStorage = (1u << 10) | (1u << 11) | (1u << 12) | (1u << 13) | (1u << 14);
 
 // Shared with the Wave-64 handler: the text chunks and their model slots, in search order.
 struct InfoTag {
