@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "core/collection.h"
@@ -14,7 +15,9 @@
 #include "core/last_error.h"
 #include "core/pipeline.h"
 #include "formats/audio/wav.h"
+#include "formats/audio/codecs/codecs.h"
 #include "formats/common/byte_reader.h"
+#include "formats/common/riff.h"
 #include "test_support.h"
 
 namespace orlin {
@@ -276,6 +279,132 @@ TEST(WavCodecWrite, CommandLineConvertsToAdpcm) {
   const float* samples = wave->GetSamplesForRead();
   ASSERT_NE(samples, nullptr);
   EXPECT_GT(SnrDb(ReadF32(input + ".f32"), samples, 4000), 15.0);
+}
+
+// --- hand-made files --------------------------------------------------------------------------------
+
+// A WAVE image of one fmt (tag, channels, align, bits, then `extension` after cbSize), a fact count
+// when non-zero, and data.
+std::vector<uint8_t> CodedWave(uint16_t tag, uint16_t channels, uint16_t blockAlign, uint16_t bits,
+                               const std::vector<uint8_t>& extension, uint32_t fact, const std::vector<uint8_t>& data) {
+  RiffWriter riff;
+  riff.Begin(FourCC("RIFF"), FourCC("WAVE"));
+  ByteWriter fmt;
+  fmt.U16(tag);
+  fmt.U16(channels);
+  fmt.U32(8000);
+  fmt.U32(4000);
+  fmt.U16(blockAlign);
+  fmt.U16(bits);
+  fmt.U16(uint16_t(extension.size()));
+  fmt.Append(extension.data(), extension.size());
+  riff.Chunk(FourCC("fmt "), fmt.Bytes().data(), fmt.Size());
+  if (fact) {
+    ByteWriter count;
+    count.U32(fact);
+    riff.Chunk(FourCC("fact"), count.Bytes().data(), count.Size());
+  }
+  riff.Chunk(FourCC("data"), data.data(), data.size());
+  return riff.Bytes();
+}
+
+std::vector<float> Tone(uint32_t frames, uint32_t channels) {
+  std::vector<float> out(size_t(frames) * channels);
+  for (uint32_t i = 0; i < frames; ++i)
+    for (uint32_t c = 0; c < channels; ++c) out[size_t(i) * channels + c] = 0.4f * std::sin(0.01f * float(i) * float(c + 1));
+  return out;
+}
+
+TEST(WavCodecEdges, G72xLeadingHeaderIsSkippedOnlyWhereTheExtensionNamesIt) {
+  ScratchDir dir;
+  const std::vector<float> tone = Tone(800, 1);
+  const std::vector<uint8_t> codes = codecs::EncodeG726(tone.data(), tone.size(), 4);
+  std::vector<uint8_t> withHeader = codes;
+  withHeader.insert(withHeader.begin(), 7, 0xA5);  // a writer's own 7-byte header ahead of the codes
+  std::vector<float> plain;
+  for (const auto& [tag, extension, data] :
+       {std::tuple<uint16_t, std::vector<uint8_t>, std::vector<uint8_t>>{64, {0, 0}, codes},
+        {64, {7, 0}, withHeader},
+        {20, {7, 0}, withHeader},
+        // G.726 proper has no such field: the same bytes are codes.
+        {69, {7, 0}, withHeader}}) {
+    SCOPED_TRACE(tag);
+    test::WriteBytes(dir.File("g.wav"), CodedWave(tag, 1, 64, 4, extension, 800, data));
+    Collection collection;
+    Waveform* wave = LoadOne(collection, dir.File("g.wav"));
+    ASSERT_NE(wave, nullptr) << LastError();
+    ASSERT_EQ(wave->length, 800u);
+    const float* samples = wave->GetSamplesForRead();
+    ASSERT_NE(samples, nullptr) << LastError();
+    if (plain.empty()) {
+      plain.assign(samples, samples + 800);
+      EXPECT_GT(SnrDb(tone, samples, 800), 20.0);
+    } else if (tag == 69) {
+      EXPECT_NE(std::vector<float>(samples, samples + 800), plain);
+    } else {
+      EXPECT_EQ(std::vector<float>(samples, samples + 800), plain);
+    }
+  }
+}
+
+TEST(WavCodecEdges, ThreeChannelImaKeepsTheFirstTwoAndShortDataIsSilence) {
+  ScratchDir dir;
+  constexpr uint32_t kFrames = 1500, kAlign = 3 * 256;
+  const std::vector<float> tone = Tone(kFrames, 3);
+  const std::vector<uint8_t> blocks = codecs::EncodeImaWave(tone.data(), kFrames, 3, kAlign);
+  codecs::CodecParams params;
+  params.channels = 3;
+  params.blockAlign = kAlign;
+  const uint16_t perBlock = uint16_t(codecs::ImaWaveFrames(kAlign, params));
+  std::vector<float> all(size_t(kFrames) * 3);
+  codecs::DecodeImaWave(blocks.data(), blocks.size(), params, all.data(), kFrames);
+  // The fact count says twice the frames the blocks hold: the rest is silence.
+  test::WriteBytes(dir.File("ima.wav"),
+                   CodedWave(17, 3, kAlign, 4, {uint8_t(perBlock), uint8_t(perBlock >> 8)}, 2 * kFrames, blocks));
+  Collection collection;
+  Waveform* wave = LoadOne(collection, dir.File("ima.wav"));
+  ASSERT_NE(wave, nullptr) << LastError();
+  EXPECT_EQ(wave->length, 2 * kFrames);
+  const float* samples = wave->GetSamplesForRead();
+  ASSERT_NE(samples, nullptr) << LastError();
+  EXPECT_EQ(wave->channels, 2);
+  for (uint32_t i = 0; i < kFrames; ++i) {
+    ASSERT_EQ(samples[2 * i], all[3 * i]) << i;
+    ASSERT_EQ(samples[2 * i + 1], all[3 * i + 1]) << i;
+  }
+  // Whole blocks hold a little more than was encoded; past them comes silence.
+  const uint64_t inBlocks = codecs::ImaWaveFrames(blocks.size(), params);
+  ASSERT_LT(inBlocks, 2 * kFrames);
+  for (uint64_t i = 2 * inBlocks; i < 4 * kFrames; ++i) ASSERT_EQ(samples[i], 0.0f) << i;
+  // A forged count that no buffer could hold fails cleanly instead of allocating it.
+  test::WriteBytes(dir.File("big.wav"), CodedWave(17, 3, kAlign, 4, {uint8_t(perBlock), uint8_t(perBlock >> 8)},
+                                                  0xFFFFFFFF, blocks));
+  Collection big;
+  Waveform* forged = LoadOne(big, dir.File("big.wav"));
+  ASSERT_NE(forged, nullptr);
+  EXPECT_EQ(forged->GetSamplesForRead(), nullptr);
+  EXPECT_EQ(LastError(), "Wave is too big!");
+}
+
+TEST(WavCodecEdges, UsrGsmWaveIsFoundUnderItsOwnRowAndDecodes) {
+  ScratchDir dir;
+  const std::vector<float> tone = Tone(1600, 1);
+  const std::vector<uint8_t> records = codecs::EncodeGsm(tone.data(), tone.size(), codecs::GsmFraming::UsrRecord);
+  test::WriteBytes(dir.File("modem.gsm"), CodedWave(771, 1, 38, 0, {}, 0, records));
+  const std::vector<uint8_t> image = test::ReadBytes(dir.File("modem.gsm"));
+  int32_t confidence = 0;
+  const int32_t row = DetectFormatOfHead("modem.gsm", image.data(), uint32_t(image.size()), image.size(), confidence);
+  EXPECT_EQ(GetRowDescription(row), "USR GSM with header");
+  Collection collection;
+  Waveform* wave = LoadOne(collection, dir.File("modem.gsm"));
+  ASSERT_NE(wave, nullptr) << LastError();
+  EXPECT_EQ(wave->length, records.size() / 38 * 160);
+  const float* samples = wave->GetSamplesForRead();
+  ASSERT_NE(samples, nullptr) << LastError();
+  std::vector<float> direct(wave->length);
+  codecs::DecodeGsm(records.data(), records.size(), codecs::GsmFraming::UsrRecord, direct.data(), direct.size());
+  EXPECT_EQ(std::vector<float>(samples, samples + wave->length), direct);
+  EXPECT_GT(SnrDb(tone, samples, tone.size()), 10.0);
 }
 
 }  // namespace
