@@ -1,7 +1,8 @@
 // RIFF WAVE: reading (RIFF, RF64 with ds64, a wave nested in LIST "wave", SDSS), the detectors of the
 // wave rows, and the writer that builds a whole RIFF image in memory. Other handlers use the embedded
 // entry points to read one wave between two offsets of their own file, or to get a wave as bytes.
-// Samples stay in the file until first use: plain PCM goes through the generic decoder.
+// Samples stay in the file until first use: plain PCM goes through the generic decoder, ADPCM and GSM
+// through the built-in codecs; the writer also stores GSM and G.72x ADPCM, always mono.
 #pragma once
 #include <cstdint>
 #include <string_view>
@@ -57,8 +58,6 @@ const char* WaveTagName(uint32_t tag);
 // Save indices of plain samples that both WAVE writers hold; a row without a storage list gets these.
 constexpr uint32_t kWaveWritableStorage = (1u << 0) | (1u << 2) | (1u << 4) | (1u << 5) | (1u << 6) | (1u << 8) |
                                           (1u << 9);
-// The coded indices the RIFF WAVE writer holds besides (GSM, ADPCM 2- to 5-bit), always mono.
-constexpr uint32_t kWaveCodedStorage = (1u << 10) | (1u << 11) | (1u << 12) | (1u << 13) | (1u << 14);
 
 // Shared with the Wave-64 handler: the text chunks and their model slots, in search order.
 struct InfoTag {
