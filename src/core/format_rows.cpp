@@ -500,7 +500,7 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /* 481 */ {"w7w", nullptr, nullptr, nullptr, "Yamaha Motif ES waves", 0x01, 0x00000000, 0x0, nullptr},
     /* 482 */ {"w8v", nullptr, nullptr, nullptr, "Yamaha Motif ES data", 0x91, 0x00000000, 0x0, nullptr},
     /* 483 */ {"w64", ReadW64, WriteW64, DetectW64, "Wave-64", 0x01, 0x00000000, 0x0, nullptr},
-    /* 484 */ {"wav", ReadWav, WriteWav, DetectWav, "Microsoft wave", 0x01, 0x00307F75, 0x0, nullptr},
+    /* 484 */ {"wav", ReadWav, WriteWav, DetectWav, "Microsoft wave", 0x01, 0x00327F75, 0x0, Mp3Settings},
     /* 485 */ {"wav", ReadWav, nullptr, DetectBroadcastWav, "Broadcast wave", 0x01, 0x00000000, 0x1, nullptr},
     /* 486 */ {"wa!", nullptr, nullptr, nullptr, "GigaStudio compr wave", 0x91, 0x00000000, 0x0, nullptr},
     /* 487 */ {"wfb", nullptr, nullptr, nullptr, "TB WaveFront bank", 0x91, 0x00000000, 0x0, nullptr},

@@ -15,6 +15,7 @@
 #include "core/pcm.h"
 #include "core/save_choice.h"
 #include "core/text.h"
+#include "formats/audio/addons/mpeg_addon.h"
 #include "formats/audio/codecs/codecs.h"
 #include "formats/common/byte_reader.h"
 #include "formats/common/riff.h"
@@ -627,9 +628,46 @@ uint64_t BytesForFrames(const codecs::WaveCodec& codec, const codecs::CodecParam
   return (frames + perUnit - 1) / perUnit * unit;
 }
 
+// The data chunk's own size when its head stands right before the samples, else the rest of the file.
+uint64_t DataBytesAvailable(const Waveform& wave, FileObject& file) {
+  const int64_t fileSize = file.Size();
+  uint64_t available = fileSize > int64_t(wave.sourceOffset) ? uint64_t(fileSize) - wave.sourceOffset : 0;
+  uint8_t head[8];
+  if (wave.sourceOffset >= 8 && file.ReadAt(wave.sourceOffset - 8, head, 8) && std::memcmp(head, "data", 4) == 0) {
+    const uint32_t chunkBytes = uint32_t(head[4] | head[5] << 8 | head[6] << 16 | uint32_t(head[7]) << 24);
+    if (chunkBytes != 0xFFFFFFFF) available = std::min<uint64_t>(available, chunkBytes);
+  }
+  return available;
+}
+
+// MPEG frames (tags 80 and 85) through the MPEG decoder; a stream shorter than the fact count cuts
+// the wave's length to what came.
+bool DecodeMpegSamples(Waveform* wave, FileObject* file) {
+  const uint64_t available = DataBytesAvailable(*wave, *file);
+  if (available >= kMaxDecodeBytes) return Fail("Wave is too big!");
+  std::vector<uint8_t> bytes(static_cast<size_t>(available));
+  if (!file->ReadAt(wave->sourceOffset, bytes.data(), bytes.size())) return Fail("Reading from file failed");
+  std::unique_ptr<addons::AudioStream> stream = addons::OpenMpegMemoryStream(std::move(bytes));
+  if (!stream) return false;
+  const uint32_t streamChannels = std::max<uint32_t>(stream->channels, 1);
+  if (uint64_t(wave->length) * streamChannels * sizeof(float) >= kMaxDecodeBytes) return Fail("Wave is too big!");
+  std::vector<float> decoded;
+  if (!addons::ReadAllFrames(*stream, decoded, wave->length)) return false;
+  const uint64_t frames = decoded.size() / streamChannels;
+  if (frames == 0) return Fail("Zero length");
+  wave->length = uint32_t(std::min<uint64_t>(frames, wave->length ? wave->length : frames));
+  wave->channels = uint8_t(std::min<uint32_t>(streamChannels, 2));
+  float* samples = wave->AllocSamples();
+  if (!samples) return Fail("Out of memory");
+  for (uint64_t frame = 0; frame < wave->length; ++frame)
+    for (uint32_t c = 0; c < wave->channels; ++c) samples[frame * wave->channels + c] = decoded[frame * streamChannels + c];
+  return true;
+}
+
 // Compressed data through a built-in codec. `format` is the whole fmt payload; the data chunk is
 // read only as far as the wave's length needs, and frames the bytes do not reach are silence.
 bool DecodeCodedSamples(Waveform* wave, FileObject* file, uint32_t tag, const std::vector<uint8_t>& format) {
+  if (tag == kTagMpeg || tag == kTagMp3) return DecodeMpegSamples(wave, file);
   const codecs::WaveCodec* codec = codecs::FindWaveCodec(InList(kG72xTags, tag) ? kTagG72xFamily : tag);
   if (!codec) {
     const std::string name = WaveTagName(tag);
@@ -653,14 +691,7 @@ bool DecodeCodedSamples(Waveform* wave, FileObject* file, uint32_t tag, const st
   const uint32_t keptChannels = std::min<uint32_t>(params.channels, 2);
   if (uint64_t(wave->length) * params.channels * sizeof(float) >= kMaxDecodeBytes) return Fail("Wave is too big!");
 
-  // The data chunk's own size when its head stands right before the samples, else the rest of the file.
-  const int64_t fileSize = file->Size();
-  uint64_t available = fileSize > int64_t(wave->sourceOffset) ? uint64_t(fileSize) - wave->sourceOffset : 0;
-  uint8_t head[8];
-  if (wave->sourceOffset >= 8 && file->ReadAt(wave->sourceOffset - 8, head, 8) && std::memcmp(head, "data", 4) == 0) {
-    const uint32_t chunkBytes = uint32_t(head[4] | head[5] << 8 | head[6] << 16 | uint32_t(head[7]) << 24);
-    if (chunkBytes != 0xFFFFFFFF) available = std::min<uint64_t>(available, chunkBytes);
-  }
+  uint64_t available = DataBytesAvailable(*wave, *file);
   // Some G.721/G.723 writers put a header of their own ahead of the codes and name its size.
   uint64_t skip = 0;
   if (MayNameLeadingHeader(tag) && params.extensionBytes >= 2)
@@ -866,7 +897,8 @@ bool ChooseFmt(uint32_t storage, FmtChoice& out) {
     case kStorageAdpcm3: out = {kTagG723, 3, 0}; return true;
     case kStorageAdpcm4: out = {kTagG721, 4, 0}; return true;
     case kStorageAdpcm5: out = {kTagG723, 5, 0}; return true;
-    default: return false;  // MP3 needs the encoder add-on; 12/20-bit, 64-bit float and delta have no tag here
+    case kStorageCompressed: out = {kTagMp3, 0, 0}; return true;
+    default: return false;  // 12/20-bit, 64-bit float and delta have no tag here
   }
 }
 
@@ -890,6 +922,39 @@ bool EncodeCoded(Waveform& wave, uint32_t storage, uint32_t bits, std::vector<ui
   out = storage == kStorageGsm ? codecs::EncodeGsm(mono.data(), frames, codecs::GsmFraming::Wave65)
                                : codecs::EncodeG726(mono.data(), frames, bits);
   return true;
+}
+
+// Frames of delay an MP3 decoder adds ahead of the signal, as the fmt record and fact count state it.
+constexpr uint16_t kMp3CodecDelay = 1104;
+
+// The wave as constant-rate MP3 frames; `rate` is the chosen setting in kbit/s. The bit rate falls back
+// to 128 kbit/s outside 8..320. Rates MP3 cannot carry are refused rather than resampled.
+bool EncodeMp3(Waveform& wave, double rate, uint32_t channels, std::vector<uint8_t>& out, int& kbit) {
+  kbit = int(std::lround(rate > 0 ? rate : DataFormatRate(wave.dataFormat) ? DataFormatRate(wave.dataFormat) : 128));
+  if (kbit < 8 || kbit > 320) kbit = 128;
+  static constexpr uint32_t kMp3Rates[] = {8000, 11025, 12000, 16000, 22050, 24000, 32000, 44100, 48000};
+  if (std::find(std::begin(kMp3Rates), std::end(kMp3Rates), wave.sampleRate) == std::end(kMp3Rates))
+    return Fail(("MP3 can not hold a sample rate of " + std::to_string(wave.sampleRate) + " Hz").c_str());
+  const float* samples = wave.GetSamplesForRead();
+  if (!samples) return false;
+  const uint32_t frames = wave.Data()->frames;
+  const uint32_t sourceChannels = wave.Data()->channels;
+  std::vector<float> converted;
+  if (channels != sourceChannels) {
+    // Mixed to mono, or mono doubled, as the channel choice asks.
+    converted.resize(size_t(frames) * channels);
+    for (size_t frame = 0; frame < frames; ++frame)
+      for (uint32_t c = 0; c < channels; ++c)
+        converted[frame * channels + c] = channels == 1 ? 0.5f * (samples[frame * 2] + samples[frame * 2 + 1])
+                                                        : samples[frame];
+    samples = converted.data();
+  }
+  addons::EncodeInput input;
+  input.samples = samples;
+  input.frames = frames;
+  input.channels = channels;
+  input.rate = wave.sampleRate;
+  return addons::EncodeMp3ToMemory(input, addons::Mp3Mode::Cbr, kbit, false, out);
 }
 
 std::vector<uint8_t> SmplBody(const Waveform& wave, uint32_t variant) {
@@ -1059,8 +1124,11 @@ bool WriteWaveToMemory(Waveform& wave, std::vector<uint8_t>& out, const WaveWrit
   const uint32_t frames = wave.Data() ? wave.Data()->frames : 0;
   std::vector<uint8_t> codes;
   if (coded && !EncodeCoded(wave, storage, fmt.bitsPerSample, codes)) return false;
+  const bool mp3 = storage == kStorageCompressed;
+  int kbit = 0;
+  if (mp3 && !EncodeMp3(wave, rate, channels, codes, kbit)) return false;
   const uint32_t bytesPerSample = fmt.bitsPerSample / 8;
-  const uint64_t dataBytes = coded ? codes.size() : uint64_t(frames) * channels * bytesPerSample;
+  const uint64_t dataBytes = coded || mp3 ? codes.size() : uint64_t(frames) * channels * bytesPerSample;
   if (dataBytes > kMaxWriteDataBytes) return Fail("Wave too big - use 64-bit version!");
 
   RiffWriter riff;
@@ -1071,6 +1139,9 @@ bool WriteWaveToMemory(Waveform& wave, std::vector<uint8_t>& out, const WaveWrit
   if (storage == kStorageGsm) {
     blockAlign = kGsmBlockBytes;
     averageBytes = uint32_t(wave.sampleRate * (double(kGsmBlockBytes) / kGsmBlockFrames));
+  } else if (mp3) {
+    blockAlign = 1;
+    averageBytes = uint32_t(kbit * 1000 / 8);
   } else if (coded) {
     blockAlign = uint16_t(16 * fmt.bitsPerSample);  // 16 bytes per code bit: whole codes in every block
     averageBytes = uint32_t((uint64_t(fmt.bitsPerSample) * wave.sampleRate + 7) / 8);
@@ -1093,6 +1164,15 @@ bool WriteWaveToMemory(Waveform& wave, std::vector<uint8_t>& out, const WaveWrit
   } else if (fmt.tag == kTagGsm) {
     format.U16(2);  // cbSize
     format.U16(kGsmBlockFrames);
+  } else if (fmt.tag == kTagMp3) {
+    // MPEGLAYER3WAVEFORMAT: the size of a frame at this rate, one frame a block, and the encoder's delay.
+    const uint32_t perFrame = 144000 / (wave.sampleRate < 28000 ? 2 : 1);
+    format.U16(12);  // cbSize
+    format.U16(1);   // wID: MPEG
+    format.U32(0);   // fdwFlags
+    format.U16(uint16_t((wave.sampleRate / 2 + uint64_t(perFrame) * uint32_t(kbit)) / wave.sampleRate));
+    format.U16(1);   // nFramesPerBlock
+    format.U16(kMp3CodecDelay);
   } else if (fmt.tag == kTagG721 || fmt.tag == kTagG723) {
     format.U16(2);  // cbSize
     format.U16(0);  // no leading header ahead of the codes
@@ -1100,12 +1180,12 @@ bool WriteWaveToMemory(Waveform& wave, std::vector<uint8_t>& out, const WaveWrit
   riff.Chunk(FourCC("fmt "), format.Bytes().data(), format.Size());
   if (fmt.tag != kTagPcm || extensible) {
     ByteWriter fact;
-    fact.U32(frames);
+    fact.U32(mp3 ? frames + kMp3CodecDelay : frames);
     riff.Chunk(FourCC("fact"), fact.Bytes().data(), fact.Size());
   }
   if (bare) WriteSmpl(riff, wave, params.variant);
   const size_t data = riff.Open(FourCC("data"));
-  if (coded) riff.Bytes().insert(riff.Bytes().end(), codes.begin(), codes.end());
+  if (coded || mp3) riff.Bytes().insert(riff.Bytes().end(), codes.begin(), codes.end());
   else if (!AppendSamples(riff.Bytes(), wave, storage, channels, fmt.flags)) return false;
   // Silence for unsigned 8-bit samples is 0x80, so the pad byte is too.
   riff.Close(data, storage == kStoragePcm8 ? 0x80 : 0);

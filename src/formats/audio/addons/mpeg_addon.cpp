@@ -30,6 +30,7 @@ struct LameApi {
   decltype(&lame_init) init;
   decltype(&lame_close) close;
   decltype(&lame_set_in_samplerate) setInRate;
+  decltype(&lame_set_out_samplerate) setOutRate;
   decltype(&lame_set_num_channels) setChannels;
   decltype(&lame_set_mode) setMode;
   decltype(&lame_set_brate) setBitRate;
@@ -72,6 +73,7 @@ const AddonSymbol kLameSymbols[] = {
     ORLIN_SYMBOL(lame, init, "lame_init"),
     ORLIN_SYMBOL(lame, close, "lame_close"),
     ORLIN_SYMBOL(lame, setInRate, "lame_set_in_samplerate"),
+    ORLIN_SYMBOL(lame, setOutRate, "lame_set_out_samplerate"),
     ORLIN_SYMBOL(lame, setChannels, "lame_set_num_channels"),
     ORLIN_SYMBOL(lame, setMode, "lame_set_mode"),
     ORLIN_SYMBOL(lame, setBitRate, "lame_set_brate"),
@@ -271,6 +273,8 @@ bool EncodeMp3ToMemory(const EncodeInput& input, Mp3Mode mode, int value, bool w
     return false;
   }
   lame.setInRate(flags, int(input.rate));
+  // LAME would pick a lower rate for low bit rates; the file must keep the wave's rate.
+  lame.setOutRate(flags, int(input.rate));
   lame.setChannels(flags, int(input.channels));
   lame.setMode(flags, input.channels == 1 ? MONO : JOINT_STEREO);
   lame.setWriteVbrTag(flags, withTags);
