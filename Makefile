@@ -1,7 +1,6 @@
 # The two commands of the README: `make run` and `make test`. Both install what is missing first.
 BUILD_DIR ?= build
 SANITIZE_DIR ?= build-sanitize
-FUZZ_DIR ?= build-fuzz
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 FUZZ_SECONDS ?= 60
@@ -11,7 +10,7 @@ export CCACHE_NOHASHDIR := 1
 
 LAUNCHER := $(shell command -v ccache >/dev/null 2>&1 && echo -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
 
-.PHONY: all bootstrap build run test sanitize fuzz bench clean
+.PHONY: all bootstrap build run test sanitize-build sanitize fuzz bench clean
 
 all: build
 
@@ -24,7 +23,7 @@ $(BUILD_DIR)/build.ninja:
 build: bootstrap $(BUILD_DIR)/build.ninja
 	cmake --build $(BUILD_DIR) -j $(JOBS)
 
-# Converts the bundled example (a raw 16-bit tone) to a WAV-free format and shows what was read.
+# Converts the bundled example (a raw 16-bit tone) to floats and shows what was read.
 run: build
 	@mkdir -p $(BUILD_DIR)/run
 	$(BUILD_DIR)/orlin info examples/tone.sw
@@ -34,17 +33,18 @@ run: build
 test: build
 	cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS)
 
-# The same tests under AddressSanitizer and UndefinedBehaviorSanitizer.
-sanitize: bootstrap
-	cmake -S . -B $(SANITIZE_DIR) -G Ninja $(LAUNCHER) -DORLIN_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug $(CMAKE_FLAGS)
+# One clang build with AddressSanitizer and UndefinedBehaviorSanitizer serves both the sanitized test
+# run and the libFuzzer targets.
+sanitize-build: bootstrap
+	CC=clang CXX=clang++ cmake -S . -B $(SANITIZE_DIR) -G Ninja $(LAUNCHER) -DORLIN_FUZZ=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_FLAGS)
 	cmake --build $(SANITIZE_DIR) -j $(JOBS)
-	cd $(SANITIZE_DIR) && ASAN_OPTIONS=detect_leaks=1 ctest --output-on-failure -j $(JOBS)
 
-# Each libFuzzer target for FUZZ_SECONDS, seeded from the test corpus.
-fuzz: bootstrap
-	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_DIR) -G Ninja $(LAUNCHER) -DORLIN_FUZZ=ON -DORLIN_TESTS=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo
-	cmake --build $(FUZZ_DIR) -j $(JOBS)
-	bash fuzz/run_all.sh $(FUZZ_DIR) $(FUZZ_SECONDS)
+sanitize: sanitize-build
+	cd $(SANITIZE_DIR) && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 ctest --output-on-failure -j $(JOBS)
+
+# Each libFuzzer target for FUZZ_SECONDS, seeded from the outside test corpus.
+fuzz: sanitize-build
+	bash fuzz/run_all.sh $(SANITIZE_DIR) $(FUZZ_SECONDS)
 
 bench: bootstrap
 	cmake -S . -B build-bench -G Ninja $(LAUNCHER) -DORLIN_BENCH=ON -DORLIN_TESTS=OFF -DCMAKE_BUILD_TYPE=Release
@@ -52,4 +52,4 @@ bench: bootstrap
 	bash bench/run_all.sh build-bench
 
 clean:
-	rm -rf $(BUILD_DIR) $(SANITIZE_DIR) $(FUZZ_DIR) build-bench
+	rm -rf $(BUILD_DIR) $(SANITIZE_DIR) build-bench

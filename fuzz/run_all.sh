@@ -1,14 +1,16 @@
 #!/usr/bin/env bash
-# Runs every built fuzz target for a few seconds each. A target's seeds are the files listed, one
-# glob a line, in fuzz/<target>.seeds, relative to the outside test corpus (../shared/testdata).
+# Runs every built fuzz target for a few seconds each, as many at once as there are cores. A target's
+# seeds are the files listed, one glob a line, in fuzz/<target>.seeds, relative to the outside test
+# corpus (../shared/testdata).
 set -euo pipefail
-build_dir=${1:-build-fuzz}
+build_dir=${1:-build-sanitize}
 seconds=${2:-60}
 here=$(cd "$(dirname "$0")" && pwd)
 testdata=${ORLIN_TESTDATA:-$here/../../shared/testdata}
-status=0
-for fuzzer in "$build_dir"/fuzzers/*_fuzz; do
-  [ -x "$fuzzer" ] || continue
+parallel=$(nproc)
+
+run_one() {
+  local fuzzer=$1 name corpus n
   name=$(basename "$fuzzer")
   corpus=$(mktemp -d)
   if [ -f "$here/$name.seeds" ] && [ -d "$testdata" ]; then
@@ -21,11 +23,30 @@ for fuzzer in "$build_dir"/fuzzers/*_fuzz; do
       done < <(find "$testdata" -path "$testdata/$pattern" -type f -print0 2>/dev/null)
     done < "$here/$name.seeds"
   fi
-  echo "fuzz: $name for ${seconds}s with $(ls "$corpus" | wc -l) seeds"
-  if ! "$fuzzer" -max_total_time="$seconds" -max_len=65536 -rss_limit_mb=2048 -timeout=10 -print_final_stats=0 \
-      "$corpus" > "$build_dir/$name.log" 2>&1; then
-    echo "fuzz: $name FOUND A PROBLEM"; tail -n 60 "$build_dir/$name.log"; status=1
+  # Inputs that once found a fault run first, every time.
+  if [ -d "$here/../tests/data/fuzz/$name" ]; then
+    cp "$here/../tests/data/fuzz/$name"/* "$corpus"/ 2>/dev/null || true
   fi
+  echo "fuzz: $name for ${seconds}s with $(ls "$corpus" | wc -l) seeds"
+  local status=0
+  "$fuzzer" -artifact_prefix="$build_dir/" -max_total_time="$seconds" -max_len=65536 -rss_limit_mb=2560 -timeout=20 -print_final_stats=0 \
+      "$corpus" > "$build_dir/$name.log" 2>&1 || status=$?
   rm -rf "$corpus"
+  if [ $status -ne 0 ]; then
+    echo "fuzz: $name FOUND A PROBLEM"; tail -n 60 "$build_dir/$name.log"
+    return 1
+  fi
+}
+
+status=0
+pids=()
+for fuzzer in "$build_dir"/fuzzers/*_fuzz; do
+  [ -x "$fuzzer" ] || continue
+  run_one "$fuzzer" & pids+=($!)
+  if [ ${#pids[@]} -ge "$parallel" ]; then
+    wait "${pids[0]}" || status=1
+    pids=("${pids[@]:1}")
+  fi
 done
+for pid in "${pids[@]}"; do wait "$pid" || status=1; done
 exit $status

@@ -87,7 +87,22 @@ SaveView::SaveView(Item* item, bool resolve, bool collect) : collection_(item->c
     }
     default: break;
   }
+  if (resolve_) DropUnresolvedRegions();
   if (collect) Collect();
+}
+
+void SaveView::DropUnresolvedRegions() {
+  for (Instrument*& instrument : instruments_) {
+    auto playsNothing = [](const Region& region) { return !region.GetWave() && !region.GetSynthesisModel(); };
+    bool any = false;
+    for (Layer* layer : ChildrenOf<Layer>(*instrument))
+      for (Region* region : ChildrenOf<Region>(*layer)) any = any || playsNothing(*region);
+    if (!any) continue;
+    instrument = PrivateCopy(instrument);
+    for (Layer* layer : ChildrenOf<Layer>(*instrument))
+      for (Region* region : ChildrenOf<Region>(*layer))
+        if (playsNothing(*region)) delete region;
+  }
 }
 
 SaveView::~SaveView() {

@@ -40,6 +40,8 @@ class SaveView {
 
  private:
   void Collect();
+  // Regions whose wave or model is gone leave the view (in private copies).
+  void DropUnresolvedRegions();
   Collection* collection_;
   std::vector<Instrument*> instruments_;
   std::vector<Waveform*> waveforms_;

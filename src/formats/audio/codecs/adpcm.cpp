@@ -104,6 +104,7 @@ constexpr int32_t kMsAdapt[16] = {230, 230, 230, 230, 307, 409, 512, 614, 768, 6
 constexpr int16_t kMsDefaultCoefficients[7][2] = {{256, 0}, {512, -256}, {0, 0},     {192, 64},
                                                  {240, 0}, {460, -208}, {392, -232}};
 constexpr int32_t kMsMinDelta = 16;
+constexpr int32_t kMsMaxDelta = 0x7FFFFFFF / 768;  // the largest adaptation factor is 768
 constexpr size_t kMsHeadBytesPerChannel = 7;  // predictor, delta, sample 1, sample 2
 
 int16_t ReadS16(const uint8_t* p) { return int16_t(uint16_t(p[0] | p[1] << 8)); }
@@ -311,11 +312,13 @@ uint64_t DecodeMsAdpcm(const uint8_t* bytes, size_t byteCount, const CodecParams
         const uint32_t code = nibble & 1 ? byte & 15 : byte >> 4;
         State& s = state[c];
         const int32_t signedCode = code & 8 ? int32_t(code) - 16 : int32_t(code);
-        const int32_t predicted = (s.s1 * s.c1 + s.s2 * s.c2) >> 8;
-        const int32_t value = std::clamp(predicted + signedCode * s.delta, -32768, 32767);
+        // Coefficients and delta come from the file: 64-bit sums, and a delta kept where the next
+        // adaptation step cannot overflow (hostile blocks would otherwise grow it without end).
+        const int64_t predicted = (int64_t(s.s1) * s.c1 + int64_t(s.s2) * s.c2) >> 8;
+        const int32_t value = int32_t(std::clamp<int64_t>(predicted + int64_t(signedCode) * s.delta, -32768, 32767));
         s.s2 = s.s1;
         s.s1 = value;
-        s.delta = std::max((kMsAdapt[code] * s.delta) >> 8, kMsMinDelta);
+        s.delta = int32_t(std::clamp<int64_t>((int64_t(kMsAdapt[code]) * s.delta) >> 8, kMsMinDelta, kMsMaxDelta));
         out[(done + frame) * channels + c] = float(value) * kSampleScale;
       }
       ++frame;

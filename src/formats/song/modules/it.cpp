@@ -82,6 +82,7 @@ void DecodePackedBlock(BlockBits& bits, bool doubleDelta, uint32_t frames, float
     } else if (width == kFullWidth) {
       if (value & (1u << kSampleBits)) {
         width = int((value + 1) & 0xFF);
+        if (width < 1 || width > kFullWidth) return;  // a width past the sample size: a broken stream
         continue;
       }
     } else {
