@@ -25,10 +25,10 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /*   6 */ {"669", ReadOtherModule<ModuleKind::Composer669>, nullptr, DetectOtherModule<ModuleKind::Composer669>, "669 module", 0xD1, 0x00000000, 0x0, nullptr},
     /*   7 */ {"a3s", nullptr, nullptr, nullptr, "Yamaha A3000 sample", 0x01, 0x00300004, 0x0, nullptr},  // Yamaha A3000 sample: 16-bit linear, mono or stereo
     /*   8 */ {"aac", ReadAacStream, nullptr, DetectAacStream, "MPEG 2/4 AAC", 0x01, 0x00320000, 0x0, nullptr},  // AAC: lossy codec with bit-rate settings
-    /*   9 */ {"aac", ReadAacStream, WriteAacStream, DetectAacStream, "MPEG 2 AAC - Low Complexity", 0x01, 0x00320000, 0x0, AacSettings},  // AAC: lossy codec with bit-rate settings
-    /*  10 */ {"aac", ReadAacStream, WriteAacStream, DetectAacStream, "MPEG 2 AAC - Main Profile", 0x01, 0x00320000, 0x1, AacSettings},  // AAC: lossy codec with bit-rate settings
-    /*  11 */ {"aac", ReadAacStream, WriteAacStream, DetectAacStream, "MPEG 4 AAC - Low Complexity", 0x01, 0x00320000, 0x3, AacSettings},  // AAC: lossy codec with bit-rate settings
-    /*  12 */ {"aac", ReadAacStream, WriteAacStream, DetectAacStream, "MPEG 4 AAC - Main Profile", 0x01, 0x00320000, 0x4, AacSettings},  // AAC: lossy codec with bit-rate settings
+    /*   9 */ {"aac", nullptr, WriteAacStream, nullptr, "MPEG 2 AAC - Low Complexity", 0x01, 0x00320000, 0x0, AacSettings},  // AAC: lossy codec with bit-rate settings
+    /*  10 */ {"aac", nullptr, WriteAacStream, nullptr, "MPEG 2 AAC - Main Profile", 0x01, 0x00320000, 0x1, AacSettings},  // AAC: lossy codec with bit-rate settings
+    /*  11 */ {"aac", nullptr, WriteAacStream, nullptr, "MPEG 4 AAC - Low Complexity", 0x01, 0x00320000, 0x3, AacSettings},  // AAC: lossy codec with bit-rate settings
+    /*  12 */ {"aac", nullptr, WriteAacStream, nullptr, "MPEG 4 AAC - Main Profile", 0x01, 0x00320000, 0x4, AacSettings},  // AAC: lossy codec with bit-rate settings
     /*  13 */ {"ads", nullptr, nullptr, nullptr, "PlayStation 2 sound", 0x01, 0x00302000, 0x0, nullptr},  // PlayStation 2 stream: Sony 4-bit ADPCM, mono or interleaved stereo
     /*  14 */ {"afc", nullptr, nullptr, nullptr, "Compressed AIFF", 0x01, 0x00307FF5, 0x0, nullptr},  // AIFF-C: PCM 8-32, float 32/64, mu/A-law, GSM, G.72x and IMA ADPCM
     /*  15 */ {"aif", nullptr, nullptr, nullptr, "Audio interchange", 0x01, 0x00300035, 0x0, nullptr},  // AIFF: big-endian PCM 8, 16, 24, 32-bit, mono or stereo

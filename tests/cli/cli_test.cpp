@@ -32,8 +32,8 @@ rows = json.load(sys.stdin)
 assert len(rows) == 536, len(rows)
 want = {0: ('*', 'Unrecognized', True, False, '0x01', '0x00000000', '0x0'),
         3: ('3gp', '3GPP', None, None, '0x01', '0x00120000', '0x1408'),
-        9: ('aac', 'MPEG 2 AAC - Low Complexity', None, None, '0x01', '0x00320000', '0x0'),
-        10: ('aac', 'MPEG 2 AAC - Main Profile', None, None, '0x01', '0x00320000', '0x1'),
+        9: ('aac', 'MPEG 2 AAC - Low Complexity', False, True, '0x01', '0x00320000', '0x0'),
+        10: ('aac', 'MPEG 2 AAC - Main Profile', False, True, '0x01', '0x00320000', '0x1'),
         15: ('aif', 'Audio interchange', None, None, '0x01', '0x00300035', '0x0'),
         32: ('au', 'Sun/NeXT/DEC audio', None, None, '0x01', '0x00300375', '0x0'),
         65: ('dls', 'DownLoadable Sounds level 2+', False, None, '0x91', '0x02122375', '0x3'),

@@ -66,6 +66,10 @@ TEST(FormatTable, LookupsAndCaps) {
   EXPECT_EQ(FindWriteRow("sw", kMaskInstrument), -1);
   // Read-only rows with no writer of their extension have no caps.
   EXPECT_EQ(GetRowCaps(535), 0u);
+  // The read-only AAC row borrows the caps and variant of the first AAC writer after it.
+  uint32_t borrowedVariant = 99;
+  EXPECT_EQ(GetRowCaps(8, &borrowedVariant), 0x00320000u);
+  EXPECT_EQ(borrowedVariant, 0u);
   EXPECT_EQ(GetRowCaps(0), 0u);
   uint32_t variant = 0;
   const int32_t bigEndian = RowOf("sw", "Signed words (16-bit) - Big Endian");
