@@ -7,6 +7,7 @@
 #include "formats/audio/w64.h"
 #include "formats/audio/wav.h"
 #include "formats/common/generic_rows.h"
+#include "formats/instrument/sfz/sfz.h"
 #include "formats/song/midi.h"
 #include "formats/song/modules/modules.h"
 
@@ -407,7 +408,7 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /* 389 */ {"sfd", nullptr, nullptr, nullptr, "SoundStage data", 0x91, 0x00000000, 0x0, nullptr},
     /* 390 */ {"sfi", nullptr, nullptr, nullptr, "SoundStage info", 0x91, 0x00000000, 0x0, nullptr},
     /* 391 */ {"sfr", nullptr, nullptr, nullptr, "Sonic Foundry sample", 0x01, 0x00000000, 0x0, nullptr},
-    /* 392 */ {"sfz", nullptr, nullptr, nullptr, "SFZ instrument", 0x91, 0x00000000, 0x0, nullptr},
+    /* 392 */ {"sfz", ReadSfz, nullptr, DetectSfz, "SFZ instrument", 0x91, 0x00000000, 0x0, nullptr},
     /* 393 */ {"sfz", nullptr, nullptr, nullptr, "rgc:audio SFZ v1 (waves in same folder)", 0x91, 0x00000000, 0x1, nullptr},
     /* 394 */ {"sfz", nullptr, nullptr, nullptr, "rgc:audio SFZ v1 (waves in sub-folder)", 0x91, 0x00000000, 0x2, nullptr},
     /* 395 */ {"sfz", nullptr, nullptr, nullptr, "Cakewalk SFZ v2 (waves in same folder)", 0x91, 0x00000000, 0x3, nullptr},
