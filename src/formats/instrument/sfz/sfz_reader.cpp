@@ -165,16 +165,30 @@ bool SfzReader::FindSample(const std::string& sample, std::string& found) const 
       return true;
     }
   }
-  // Wave folders copied from Windows often differ in case only.
+  // Wave folders copied from Windows often differ in case only, in any part of the path.
   for (const fs::path& candidate : candidates) {
-    const fs::path parent = candidate.parent_path();
-    if (!fs::is_directory(parent, error)) continue;
-    const std::string wanted = ToLowerAscii(candidate.filename().string());
-    for (const auto& entry : fs::directory_iterator(parent, error)) {
-      if (ToLowerAscii(entry.path().filename().string()) == wanted && entry.is_regular_file(error)) {
-        found = entry.path().lexically_normal().string();
-        return true;
+    fs::path resolved;
+    bool matched = true;
+    for (const fs::path& part : candidate.lexically_normal()) {
+      const fs::path next = resolved / part;
+      if (resolved.empty() || part == ".." || part == "." || fs::exists(next, error)) {
+        resolved = next;
+        continue;
       }
+      matched = false;
+      const std::string wanted = ToLowerAscii(part.string());
+      for (const auto& entry : fs::directory_iterator(resolved, error)) {
+        if (ToLowerAscii(entry.path().filename().string()) == wanted) {
+          resolved = entry.path();
+          matched = true;
+          break;
+        }
+      }
+      if (!matched) break;
+    }
+    if (matched && exists(resolved)) {
+      found = resolved.string();
+      return true;
     }
   }
   return LocateFile(path_, defaultPath + name, found);
