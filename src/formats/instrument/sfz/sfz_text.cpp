@@ -14,7 +14,7 @@ namespace orlin {
 namespace {
 
 constexpr int kMaxIncludeDepth = 16;               // a file including itself ends here
-constexpr size_t kMaxExpandedBytes = 64u << 20;    // includes that multiply stop growing here
+constexpr size_t kMaxExpandedBytes = 16u << 20;    // includes that multiply stop growing here
 constexpr size_t kMaxDefines = 4096;
 
 bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\b' || c == '\0' || c == '\r'; }
@@ -107,8 +107,9 @@ struct Preprocessor {
         }
         const std::filesystem::path path = folder / name;
         std::string included;
-        // A file that cannot be opened leaves the directive out.
-        if (!ReadWholeFile(path.string(), included)) continue;
+        // A file that cannot be opened leaves the directive out; devices and folders are never read.
+        std::error_code error;
+        if (!std::filesystem::is_regular_file(path, error) || !ReadWholeFile(path.string(), included)) continue;
         Run(included, path.parent_path(), depth + 1, out);
         if (!out.empty() && out.back() != '\n') out += '\n';
         continue;
@@ -116,7 +117,7 @@ struct Preprocessor {
       produced += line.size() + 1;
       if (produced > kMaxExpandedBytes) {
         truncated = true;
-        Log(lineNumber, 1, "text grows past 64 MB through #include; the rest is left out");
+        Log(lineNumber, 1, "text grows past 16 MB through #include; the rest is left out");
         break;
       }
       out += line;
