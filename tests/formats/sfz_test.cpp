@@ -266,7 +266,7 @@ TEST(Sfz, HostileFileGivesAClearResult) {
 // What a round trip keeps: keys, velocities, roots, loops, tunes and the shared articulation.
 struct RegionSummary {
   int loKey, hiKey, loVelocity, hiVelocity, root, loopType;
-  float loopStart, loopEnd, tune, volume, pan, cutoff, attack, release;
+  float loopStart, loopEnd, tune, volume, pan, cutoff, cutoffByModWheel, attack, release;
   bool operator==(const RegionSummary&) const = default;
 };
 std::vector<RegionSummary> Summarise(const Collection& collection) {
@@ -276,7 +276,7 @@ std::vector<RegionSummary> Summarise(const Collection& collection) {
     auto rounded = [](float v) { return std::round(v * 1000.0f) / 1000.0f; };
     out.push_back({r->range.loKey, r->range.hiKey, r->range.loVelocity, r->range.hiVelocity, r->EffectiveRootKey(),
                    loop.type, loop.type ? loop.start : 0, loop.type ? loop.end : 0, rounded(r->GetParam(0)),
-                   rounded(r->GetParam(14)), rounded(r->GetParam(51)), rounded(r->GetParam(24)),
+                   rounded(r->GetParam(14)), rounded(r->GetParam(51)), rounded(r->GetParam(24)), rounded(r->GetParam(27)),
                    rounded(r->GetParam(86)), rounded(r->GetParam(98))});
   }
   std::sort(out.begin(), out.end(), [](auto& a, auto& b) {
@@ -292,7 +292,7 @@ TEST(Sfz, EveryWriterRowReadsBack) {
   WriteText(dir.File("source.sfz"),
             "<global> volume=-3 ampeg_release=0.4\n"
             "<group> pan=-25 tune=15 ampeg_attack=0.02\n"
-            "<region> sample=a.wav lokey=40 hikey=59 pitch_keycenter=50 lovel=0 hivel=90 cutoff=2000\n"
+            "<region> sample=a.wav lokey=40 hikey=59 pitch_keycenter=50 lovel=0 hivel=90 cutoff=2000 cutoff_oncc1=1200\n"
             "<region> sample=a.wav lokey=40 hikey=59 pitch_keycenter=50 lovel=91 hivel=127 loop_start=10 loop_end=999\n"
             "<group> transpose=-12 loop_mode=one_shot\n"
             "<region> sample=b.wav key=d#5 volume=2\n");
@@ -314,9 +314,12 @@ TEST(Sfz, EveryWriterRowReadsBack) {
     std::string first;
     std::getline(text, first);
     EXPECT_EQ(first.substr(0, 3), row >= 395 ? "//-" : "///");
+    const std::string whole = first + std::string(std::istreambuf_iterator<char>(text), {});
+    EXPECT_NE(whole.find(row >= 395 ? " cutoff_oncc1=1200\n" : " cutoff_cc1=1200\n"), std::string::npos) << whole;
     Collection back;
     ASSERT_TRUE(LoadFile(back, (out / "out.sfz").string(), false)) << LastError();
     EXPECT_EQ(back.CountOf(ItemType::Waveform), 2u);
+    EXPECT_EQ(back.All<Instrument>().ToVector().at(0)->GetName(), "source") << "the name rides on the head line";
     EXPECT_EQ(Summarise(back), expected);
   }
 }

@@ -607,6 +607,7 @@ bool SfzReader::Run(const std::string& rawText) {
   instrument_ = new Instrument(collection_);
   instrument_->SetName(fs::path(path_).stem().string());
   Section section = Section::None;
+  bool sawComment = false;
   auto close = [&]() {
     if (section == Section::Region) FinishRegion();
     if (section == Section::Effect) FinishEffect();
@@ -648,6 +649,14 @@ bool SfzReader::Run(const std::string& rawText) {
         Log(token.line, token.column, "<" + name + "> is not a known header");
       }
       continue;
+    }
+    if (token.kind == SfzTokenKind::Comment && !sawComment) {
+      // The first comment line may carry the instrument's name behind a divider, as the writer puts it.
+      sawComment = true;
+      std::string name = token.key;
+      name.erase(0, name.find_first_not_of("-/ \t"));
+      if (!name.empty() && ToLowerAscii(name).compare(0, 3, "sfz") != 0 && name != "Version 2")
+        instrument_->SetName(name);
     }
     if (token.kind != SfzTokenKind::Opcode) continue;
     const std::string key = CanonicalKey(token.key);
