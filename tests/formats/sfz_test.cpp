@@ -147,6 +147,27 @@ TEST(Sfz, LoopsFromTheWaveAndFromTheText) {
   EXPECT_EQ(byStart[77554].end, 186582.0f);
 }
 
+TEST(Sfz, FlacWavesByAbsolutePathDecodeLikeTheirWaveTwins) {
+  ORLIN_REQUIRE_TESTDATA();
+  test::ScratchDir dir;
+  WriteText(dir.File("flac.sfz"), "<region> key=36 sample=" + (SfzDir() / "kick.flac").string() +
+                                      "\n<region> key=37 sample=" + (SfzDir() / "kick.wav").string() + "\n");
+  Collection collection;
+  ASSERT_TRUE(LoadFile(collection, dir.File("flac.sfz"), false)) << LastError();
+  Waveform* flac = RegionAtKey(collection, 36)->GetWave();
+  Waveform* wav = RegionAtKey(collection, 37)->GetWave();
+  if (!flac) GTEST_SKIP() << "no FLAC reader here";
+  ASSERT_NE(wav, nullptr);
+  ASSERT_EQ(flac->length, wav->length);
+  const float* a = flac->GetSamplesForRead();
+  const float* b = wav->GetSamplesForRead();
+  ASSERT_NE(a, nullptr);
+  ASSERT_NE(b, nullptr);
+  float worst = 0.0f;
+  for (uint32_t i = 0; i < wav->length * wav->channels; ++i) worst = std::max(worst, std::fabs(a[i] - b[i]));
+  EXPECT_LT(worst, 1e-4f);
+}
+
 TEST(Sfz, IncludeLoopsEndAndMissingWavesAreLogged) {
   ORLIN_REQUIRE_TESTDATA();
   Collection loop;
@@ -322,6 +343,31 @@ TEST(Sfz, EveryWriterRowReadsBack) {
     EXPECT_EQ(back.All<Instrument>().ToVector().at(0)->GetName(), "source") << "the name rides on the head line";
     EXPECT_EQ(Summarise(back), expected);
   }
+}
+
+TEST(Sfz, CompressedSettingWritesFlacWaves) {
+  if (FindWriteRow("flac", kMaskWaveform) < 0) GTEST_SKIP() << "no FLAC writer here";
+  test::ScratchDir dir;
+  WriteTestWave(dir.File("a.wav"), 3000, 200, 2900);
+  WriteText(dir.File("source.sfz"), "<region> sample=a.wav lokey=40 hikey=59 pitch_keycenter=50\n");
+  Collection source;
+  ASSERT_TRUE(LoadFile(source, dir.File("source.sfz"), false));
+  const fs::path out = dir.Path() / "out";
+  fs::create_directories(out);
+  SaveOptions options;
+  options.variant = GetFormatRow(393)->variant;
+  options.caps = kCapsCompressed;
+  options.rate = 1.0f;  // the "FLAC" setting
+  ASSERT_TRUE(SaveItem(&source, 393, (out / "x.sfz").string(), options)) << LastError();
+  ASSERT_TRUE(fs::exists(out / "a.flac"));
+  Collection back;
+  ASSERT_TRUE(LoadFile(back, (out / "x.sfz").string(), false)) << LastError();
+  ASSERT_EQ(back.CountOf(ItemType::Waveform), 1u);
+  Region* region = RegionsOf(back).at(0);
+  EXPECT_EQ(region->GetWave()->length, 3000u);
+  EXPECT_EQ(region->EffectiveLoop().start, 200.0f) << "the loop rides in the SFZ text";
+  EXPECT_EQ(region->EffectiveLoop().end, 2900.0f);
+  EXPECT_EQ(region->EffectiveRootKey(), 50);
 }
 
 TEST(Sfz, OutsideReaderAcceptsOurOutput) {

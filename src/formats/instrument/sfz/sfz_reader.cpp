@@ -324,6 +324,12 @@ void SfzReader::Convert(const Level& opcodes, Region& region, Waveform& wave) {
     used.insert(name);
     return has(name);
   };
+  // Marks both names used (no short cut) and tells whether either is given.
+  auto useEither = [&](const char* first, const char* second) {
+    const bool a = use(first);
+    const bool b = use(second);
+    return a || b;
+  };
   // A controller opcode moves the value by its depth times the controller's start value.
   auto ccSum = [&](const std::string& base) {
     double sum = 0.0;
@@ -403,12 +409,12 @@ void SfzReader::Convert(const Level& opcodes, Region& region, Waveform& wave) {
   const bool roundRobin = num("seq_length", 1) > 1 || num("lorand", 0) > 0 || num("hirand", 1) < 1;
   use("seq_length"), use("seq_position"), use("lorand"), use("hirand");
   if (roundRobin && trigger.empty()) region.SetParam(kParamTriggerType, 2.0f);
-  if (use("locc64") | use("hicc64")) {
+  if (useEither("locc64", "hicc64")) {
     if (num("locc64", 0) >= 64) region.SetParam(kParamPedalSwitch, 1.0f);
     else if (num("hicc64", 127) < 64) region.SetParam(kParamPedalSwitch, 2.0f);
   }
   if (use("delay")) region.SetParam(kParamTriggerDelay, float(num("delay", 0)));
-  if (use("group") | use("off_by")) {
+  if (useEither("group", "off_by")) {
     const double group = num("group", 0), offBy = num("off_by", 0);
     if (group != 0 && offBy == group) {
       region.SetParam(202, float(group));
@@ -422,7 +428,7 @@ void SfzReader::Convert(const Level& opcodes, Region& region, Waveform& wave) {
   }
   // Crossfades: the model keeps the width of each fade.
   auto fade = [&](const char* lo, const char* hi, ParamId id) {
-    if (use(lo) | use(hi)) region.SetParam(id, float(std::max(0.0, num(hi, 0) - num(lo, 0))));
+    if (useEither(lo, hi)) region.SetParam(id, float(std::max(0.0, num(hi, 0) - num(lo, 0))));
   };
   fade("xfin_lokey", "xfin_hikey", 194);
   fade("xfout_lokey", "xfout_hikey", 195);
@@ -433,10 +439,10 @@ void SfzReader::Convert(const Level& opcodes, Region& region, Waveform& wave) {
 
   // Pitch.
   const double tuneCc = ccSum("tune");
-  if (use("tune") | use("transpose") || tuneCc != 0.0)
+  if (useEither("tune", "transpose") || tuneCc != 0.0)
     art.Set(kParamMasterTune, float(num("transpose", 0) + (num("tune", 0) + tuneCc) * 0.01));
   if (use("pitch_keytrack")) art.Set(1, float(num("pitch_keytrack", 100) * 0.01));
-  if (use("bend_up") | use("bend_down")) {
+  if (useEither("bend_up", "bend_down")) {
     const double up = num("bend_up", 200), down = num("bend_down", -200);
     art.Set(2, float((std::fabs(up) >= std::fabs(down) ? up : -down) * 0.01));
   }
@@ -589,7 +595,7 @@ void SfzReader::Convert(const Level& opcodes, Region& region, Waveform& wave) {
       art.SetLfo(kind.index, lfo);
     }
     if (use((p + "depth").c_str())) art.Set(kind.depth, float(num(p + "depth", 0) * kind.scale));
-    if (use((p + "depthcc1").c_str()) | use((p + "depth_oncc1").c_str()))
+    if (useEither((p + "depthcc1").c_str(), (p + "depth_oncc1").c_str()))
       art.Set(kind.depth + 1, float(num(has((p + "depthcc1").c_str()) ? p + "depthcc1" : p + "depth_oncc1", 0) * kind.scale));
     if (use((p + "depthchanaft").c_str())) art.Set(kind.depth + 2, float(num(p + "depthchanaft", 0) * kind.scale));
   }
