@@ -229,10 +229,12 @@ TEST(Sfz, EdgeCaseRegions) {
             "<region> sample=tone.wav key=$KICK / volume=12\n"
             "<region> sample=looped.wav key=80 loop_mode=one_shot\n"
             "<region> sample=tone.wav key=81 loop_mode=loop_continuous\n"
-            "<region> sample=looped.wav key=82 loop_mode=loop_sustain\n");
+            "<region> sample=looped.wav key=82 loop_mode=loop_sustain\n"
+            "<region> sample=looped.wav key=83 loop_type=backward\n"
+            "<region> sample=tone.wav key=84 loop_type=alternate\n");
   Collection collection;
   ASSERT_TRUE(LoadFile(collection, dir.File("edge.sfz"), false));
-  EXPECT_EQ(RegionsOf(collection).size(), 5u);
+  EXPECT_EQ(RegionsOf(collection).size(), 7u);
   EXPECT_EQ(RegionAtKey(collection, 70), nullptr);
   Region* c4 = RegionAtKey(collection, 60);
   ASSERT_NE(c4, nullptr);
@@ -247,6 +249,8 @@ TEST(Sfz, EdgeCaseRegions) {
   EXPECT_EQ(oneShot->GetParam(106), 1.0f);
   EXPECT_EQ(RegionAtKey(collection, 81)->EffectiveLoop().type, 0) << "no points, no loop";
   EXPECT_EQ(RegionAtKey(collection, 82)->EffectiveLoop().release, 1);
+  EXPECT_EQ(RegionAtKey(collection, 83)->EffectiveLoop().type, 2) << "backward over the wave's own loop";
+  EXPECT_EQ(RegionAtKey(collection, 84)->EffectiveLoop().type, 0) << "a direction alone makes no loop";
   EXPECT_EQ(collection.CountOf(ItemType::Waveform), 2u);
 }
 

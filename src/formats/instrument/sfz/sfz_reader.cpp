@@ -388,13 +388,9 @@ void SfzReader::Convert(const Level& opcodes, Region& region, Waveform& wave) {
   }
   const std::string loopType = text("loop_type");
   used.insert("loop_type");
-  if ((loopType == "backward" || loopType == "alternate") &&
-      !((region.overrideFlags & Region::kOverrideLoopType) && region.loop.type == 0)) {
-    if (!(region.overrideFlags & Region::kOverrideLoopType) && wave.loop.type == 0 && !hasStart && !hasEnd) {
-    } else {
-      setLoopType(loopType == "backward" ? 2 : 3);
-    }
-  }
+  // A reverse or alternating direction applies to whatever loop the region ends up with.
+  const bool looping = (region.overrideFlags & Region::kOverrideLoopType) ? region.loop.type != 0 : wave.loop.type != 0;
+  if ((loopType == "backward" || loopType == "alternate") && looping) setLoopType(loopType == "backward" ? 2 : 3);
   if (use("loop_tune")) {
     region.loop.tune = float(std::clamp(num("loop_tune", 0) * 0.01, -12.0, 12.0));
     region.overrideFlags |= Region::kOverrideLoopTune;
