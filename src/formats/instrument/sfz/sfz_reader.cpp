@@ -302,6 +302,7 @@ void SfzReader::FinishRegion() {
   Waveform* wave = LoadWave(sample->second.text, sample->second);
   if (!wave) return;
   if (root > 127) root = 127;
+  if (root < 0) root = -1;  // not given: the wave keeps its own root
   Region* region = instrument_->AddRegion(wave->id, PackRange(loKey, hiKey),
                                           PackRange(std::clamp(loVel, 0, 127), std::clamp(hiVel, 0, 127)), root);
   if (!region) return;
