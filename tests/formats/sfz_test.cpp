@@ -254,6 +254,44 @@ TEST(Sfz, EdgeCaseRegions) {
   EXPECT_EQ(collection.CountOf(ItemType::Waveform), 2u);
 }
 
+TEST(Sfz, ControllerStartValuesFiltersAndEffects) {
+  test::ScratchDir dir;
+  WriteTestWave(dir.File("tone.wav"), 1000);
+  WriteText(dir.File("cc.sfz"),
+            "<control> set_cc7=127 set_hdcc10=0.5 label_cc7=Volume\n"
+            "<effect> type=fverb\n<effect> type=tlcr\n<effect> type=disto\n"
+            "<region> sample=tone.wav key=60 volume_oncc7=-6 pan_oncc10=40 amplitude=50 note_polyphony=2\n"
+            "<region> sample=tone.wav key=61 fil_type=peak cutoff=1000 fil_gain=6 eq2_freq=300 eq2_bw=1\n"
+            "<region> sample=tone.wav key=62 fil_type=hpf_2p cutoff=500 resonance=6 fil_keytrack=100\n");
+  Collection collection;
+  std::vector<SfzLogEntry> log;
+  ASSERT_TRUE(ReadSfzFile(&collection, dir.File("cc.sfz"), &log));
+  Region* cc = RegionAtKey(collection, 60);
+  // -6 dB at full controller, and amplitude 50% is another -6.02 dB.
+  EXPECT_NEAR(cc->GetParam(kParamMasterVolume), -12.02f, 0.01f);
+  EXPECT_NEAR(cc->GetParam(51), 0.20f, 1e-3);  // 40% of pan at half the controller
+  Region* eq = RegionAtKey(collection, 61);
+  EXPECT_EQ(eq->GetParam(kParamFilterType), 0.0f) << "a peak filter is an EQ band, not the filter";
+  EXPECT_EQ(eq->GetParam(39), 0.0f);  // peak
+  EXPECT_EQ(eq->GetParam(44), 300.0f);
+  EXPECT_EQ(eq->GetParam(40), 1000.0f) << "the first free band";
+  EXPECT_EQ(eq->GetParam(41), 6.0f);
+  EXPECT_NEAR(eq->GetParam(46), 1.414f, 0.01f);  // one octave
+  Region* filter = RegionAtKey(collection, 62);
+  EXPECT_EQ(filter->GetParam(kParamFilterType), 6.0f);  // High-Pass 12 dB/oct
+  EXPECT_EQ(filter->GetParam(24), 500.0f);
+  EXPECT_EQ(filter->GetParam(35), 6.0f);
+  EXPECT_EQ(filter->GetParam(kParamMasterVolume), -3.0f) << "half the resonance peak is taken off";
+  EXPECT_EQ(filter->GetParam(26), 1.0f);
+  Instrument* instrument = collection.All<Instrument>().ToVector().at(0);
+  EXPECT_EQ(instrument->GetParam(231), 2.0f);  // reverb in slot 1
+  EXPECT_EQ(instrument->GetParam(239), 6.0f) << "tlcr has no counterpart and is skipped";
+  bool polyphonyLogged = false;
+  for (const SfzLogEntry& entry : log)
+    if (entry.text.find("note_polyphony") != std::string::npos) polyphonyLogged = entry.line == 5 && entry.column > 40;
+  EXPECT_TRUE(polyphonyLogged);
+}
+
 TEST(Sfz, HostileFileGivesAClearResult) {
   test::ScratchDir dir;
   WriteTestWave(dir.File("tone.wav"), 500);
