@@ -176,13 +176,16 @@ Articulation Effective(const Articulation& own, const Articulation& parent) {
 }
 
 bool WriteText(const std::string& path, const std::string& text, FileObject* given) {
-  if (given) return given->Write(text.data(), text.size()) || (SetLastError("Writing to file failed"), false);
-  FileObject file;
-  if (!file.Open(path, FileMode::Create)) {
-    SetLastError("Could not create file");
-    return false;
+  FileObject own;
+  FileObject* file = given;
+  if (!file) {
+    if (!own.Open(path, FileMode::Create)) {
+      SetLastError("Could not create file");
+      return false;
+    }
+    file = &own;
   }
-  if (!file.Write(text.data(), text.size())) {
+  if (!file->Write(text.data(), text.size())) {
     SetLastError("Writing to file failed");
     return false;
   }
@@ -207,10 +210,12 @@ bool WriteWaveFile(Waveform& wave, const std::string& path, const WaveTarget& ta
   }
   std::vector<uint8_t> bytes;
   if (!WriteWaveToMemory(wave, bytes, WaveWriteParams{})) return false;
-  return file.Write(bytes.data(), bytes.size()) || (SetLastError("Writing to file failed"), false);
+  if (file.Write(bytes.data(), bytes.size())) return true;
+  SetLastError("Writing to file failed");
+  return false;
 }
 
-std::string RegionText(const Region& region, const Layer& layer, const std::string& sample, bool v2,
+std::string RegionText(const Region& region, const std::string& sample, bool v2,
                        const Articulation& layerEffective) {
   Lines out;
   out.text = "<region>\n";
@@ -262,7 +267,6 @@ std::string RegionText(const Region& region, const Layer& layer, const std::stri
   if (pedal == 1.0f) out.Int("locc64", 64);
   if (pedal == 2.0f) out.Int("hicc64", 63);
   if (region.GetParam(kParamTriggerDelay) > 0.0f) out.Float("delay", region.GetParam(kParamTriggerDelay));
-  (void)layer;
   WriteArticulation(out, region.articulation, layerEffective, v2, false);
   return out.text;
 }
@@ -328,7 +332,7 @@ bool WriteInstrument(Instrument& instrument, const std::string& path, FileObject
           Ui().Warn("Error!", LastError());
         known = waveNames.emplace(wave, name).first;
       }
-      text += RegionText(*region, *layer, known->second, v2, layerEffective);
+      text += RegionText(*region, known->second, v2, layerEffective);
     }
     text += "\n";
   }
