@@ -387,6 +387,30 @@ TEST(Sfz, EveryWriterRowReadsBack) {
   }
 }
 
+TEST(Sfz, SeveralInstrumentsGoToFilesOfTheirOwn) {
+  test::ScratchDir dir;
+  WriteTestWave(dir.File("a.wav"), 800);
+  WriteText(dir.File("piano.sfz"), "<region> sample=a.wav key=60\n");
+  WriteText(dir.File("organ.sfz"), "<region> sample=a.wav lokey=10 hikey=20\n<region> sample=a.wav key=30\n");
+  Collection collection;
+  ASSERT_TRUE(LoadFile(collection, dir.File("piano.sfz"), false));
+  ASSERT_TRUE(MergeFile(collection, dir.File("organ.sfz")));
+  ASSERT_EQ(collection.CountOf(ItemType::Instrument), 2u);
+  const fs::path out = dir.Path() / "out";
+  fs::create_directories(out);
+  SaveOptions options;
+  options.variant = GetFormatRow(396)->variant;
+  ASSERT_TRUE(SaveItem(&collection, 396, (out / "bank.sfz").string(), options)) << LastError();
+  const fs::path second = out / (collection.GetName() + " organ.sfz");
+  ASSERT_TRUE(fs::exists(second)) << second;
+  Collection first, other;
+  ASSERT_TRUE(LoadFile(first, (out / "bank.sfz").string(), false)) << LastError();
+  ASSERT_TRUE(LoadFile(other, second.string(), false)) << LastError();
+  EXPECT_EQ(RegionsOf(first).size(), 1u);
+  EXPECT_EQ(RegionsOf(other).size(), 2u);
+  EXPECT_TRUE(fs::exists(out / "organ" / "a.wav")) << "each instrument's waves in its own sub-folder";
+}
+
 TEST(Sfz, CompressedSettingWritesFlacWaves) {
   if (FindWriteRow("flac", kMaskWaveform) < 0) GTEST_SKIP() << "no FLAC writer here";
   test::ScratchDir dir;
