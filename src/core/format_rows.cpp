@@ -8,6 +8,7 @@
 #include "formats/audio/w64.h"
 #include "formats/audio/wav.h"
 #include "formats/common/generic_rows.h"
+#include "formats/instrument/sfz/sfz.h"
 #include "formats/song/midi.h"
 #include "formats/song/modules/modules.h"
 
@@ -408,11 +409,11 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /* 389 */ {"sfd", nullptr, nullptr, nullptr, "SoundStage data", 0x01, 0x00300005, 0x0, nullptr},  // SoundStage sound data
     /* 390 */ {"sfi", nullptr, nullptr, nullptr, "SoundStage info", 0x01, 0x00300005, 0x0, nullptr},  // SoundStage sound info
     /* 391 */ {"sfr", nullptr, nullptr, nullptr, "Sonic Foundry sample", 0x01, 0x00300005, 0x0, nullptr},  // Sonic Foundry sample
-    /* 392 */ {"sfz", nullptr, nullptr, nullptr, "SFZ instrument", 0x91, 0x00320075, 0x0, nullptr},  // SFZ: text regions referencing WAV (or Ogg/FLAC) samples
-    /* 393 */ {"sfz", nullptr, nullptr, nullptr, "rgc:audio SFZ v1 (waves in same folder)", 0x91, 0x00320075, 0x0, nullptr},  // SFZ: text regions referencing WAV (or Ogg/FLAC) samples
-    /* 394 */ {"sfz", nullptr, nullptr, nullptr, "rgc:audio SFZ v1 (waves in sub-folder)", 0x91, 0x00320075, 0x100, nullptr},  // SFZ: text regions referencing WAV (or Ogg/FLAC) samples
-    /* 395 */ {"sfz", nullptr, nullptr, nullptr, "Cakewalk SFZ v2 (waves in same folder)", 0x91, 0x00320075, 0x200, nullptr},  // SFZ: text regions referencing WAV (or Ogg/FLAC) samples
-    /* 396 */ {"sfz", nullptr, nullptr, nullptr, "Cakewalk SFZ v2 (waves in sub-folder)", 0x91, 0x00320075, 0x300, nullptr},  // SFZ: text regions referencing WAV (or Ogg/FLAC) samples
+    /* 392 */ {"sfz", ReadSfz, nullptr, DetectSfz, "SFZ instrument", 0x91, 0x00320075, 0x0, nullptr},  // SFZ: text regions referencing WAV (or Ogg/FLAC) samples
+    /* 393 */ {"sfz", nullptr, WriteSfz, DetectSfz, "rgc:audio SFZ v1 (waves in same folder)", 0x91, 0x00320075, 0x1, nullptr},  // SFZ: text regions referencing WAV (or Ogg/FLAC) samples
+    /* 394 */ {"sfz", nullptr, WriteSfz, DetectSfz, "rgc:audio SFZ v1 (waves in sub-folder)", 0x91, 0x00320075, 0x2, nullptr},  // SFZ: text regions referencing WAV (or Ogg/FLAC) samples
+    /* 395 */ {"sfz", nullptr, WriteSfz, DetectSfz, "Cakewalk SFZ v2 (waves in same folder)", 0x91, 0x00320075, 0x3, nullptr},  // SFZ: text regions referencing WAV (or Ogg/FLAC) samples
+    /* 396 */ {"sfz", nullptr, WriteSfz, DetectSfz, "Cakewalk SFZ v2 (waves in sub-folder)", 0x91, 0x00320075, 0x4, nullptr},  // SFZ: text regions referencing WAV (or Ogg/FLAC) samples
     /* 397 */ {"shn", ReadMediaContainer, nullptr, DetectShorten, "Shorten lossless", 0x01, 0x00300105, 0x0, nullptr},  // Shorten: lossless 8/16-bit and mu-law
     /* 398 */ {"smd", nullptr, nullptr, nullptr, "J-Phone / SmdEd song", 0x60, 0x00080000, 0x0, nullptr},  // SMD song: note events
     /* 399 */ {"smp", nullptr, nullptr, nullptr, "AdLib Gold sample", 0x01, 0x00100005, 0x0, nullptr},  // AdLib Gold sample
