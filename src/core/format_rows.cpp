@@ -7,6 +7,7 @@
 #include "formats/audio/w64.h"
 #include "formats/audio/wav.h"
 #include "formats/common/generic_rows.h"
+#include "formats/instrument/soundfont/soundfont.h"
 #include "formats/song/midi.h"
 #include "formats/song/modules/modules.h"
 
@@ -386,7 +387,7 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /* 368 */ {"s3p", nullptr, nullptr, nullptr, "AKAI MESA II/PC S-series program", 0x91, 0x00000000, 0x0, nullptr},
     /* 369 */ {"sam", ReadRawPcm, WriteRawPcm, DetectByExtensionOnly, "Signed 8-bit PCM", 0x01, 0x00300001, 0x1, nullptr},
     /* 370 */ {"sb", ReadRawPcm, WriteRawPcm, DetectByExtensionOnly, "Signed bytes (8-bit)", 0x01, 0x00300001, 0x1, nullptr},
-    /* 371 */ {"sbk", nullptr, nullptr, nullptr, "SoundFont v1", 0x91, 0x00000000, 0x0, nullptr},
+    /* 371 */ {"sbk", ReadSoundFont, WriteSbk, DetectSbk, "SoundFont v1", 0x91, 0x00000000, 0x0, nullptr},
     /* 372 */ {"sbi", nullptr, nullptr, nullptr, "Creative FM instrument", 0x91, 0x00000000, 0x0, nullptr},
     /* 373 */ {"sd", nullptr, nullptr, nullptr, "Sound Designer I", 0x01, 0x00000000, 0x0, nullptr},
     /* 374 */ {"sc2", nullptr, nullptr, nullptr, "Sample Cell II PC", 0x01, 0x00000000, 0x0, nullptr},
@@ -400,9 +401,9 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /* 382 */ {"seq", nullptr, nullptr, nullptr, "PlayStation music", 0x60, 0x00000000, 0x0, nullptr},
     /* 383 */ {"sdx", nullptr, nullptr, nullptr, "SDX compact MIDI SDS", 0x01, 0x00000000, 0x0, nullptr},
     /* 384 */ {"sf", nullptr, nullptr, nullptr, "IRCAM / MTU sound", 0x01, 0x00000000, 0x0, nullptr},
-    /* 385 */ {"sf2", nullptr, nullptr, nullptr, "SoundFont v2 bank", 0x91, 0x02100014, 0x0, nullptr},
+    /* 385 */ {"sf2", ReadSoundFont, WriteSf2, DetectSf2, "SoundFont v2 bank", 0x91, 0x02100014, 0x0, nullptr},
     /* 386 */ {"sf2pack", nullptr, nullptr, nullptr, "MIDI Converter Studio", 0x60, 0x00000000, 0x0, nullptr},
-    /* 387 */ {"sf3", nullptr, nullptr, nullptr, "Compressed SoundFont", 0x91, 0x02120014, 0x3, nullptr},
+    /* 387 */ {"sf3", ReadSoundFont, WriteSf3, DetectSf3, "Compressed SoundFont", 0x91, 0x02120014, 0x3, Sf3Settings},
     /* 388 */ {"sfark", nullptr, nullptr, nullptr, "Melody Machine SF", 0x60, 0x00000000, 0x0, nullptr},
     /* 389 */ {"sfd", nullptr, nullptr, nullptr, "SoundStage data", 0x91, 0x00000000, 0x0, nullptr},
     /* 390 */ {"sfi", nullptr, nullptr, nullptr, "SoundStage info", 0x91, 0x00000000, 0x0, nullptr},
