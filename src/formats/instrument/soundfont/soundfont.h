@@ -75,6 +75,10 @@ struct SoundFontFile {
   std::string bankName, engineer, copyright, comment, product;
 };
 
+// A sample without pitch (key field above 254) plays at key 60 and carries this bit in its
+// interfaceState[1], so that a save writes it unpitched again.
+constexpr uint32_t kSfUnpitched = 0x1000;
+
 constexpr int kSfGeneratorCount = 60;
 constexpr int kSfModulatorSlots = 66;
 using ZoneGenerators = std::array<int16_t, kSfGeneratorCount>;

@@ -36,7 +36,6 @@ constexpr uint16_t kTypeRight = 2;
 constexpr uint16_t kTypeLeft = 4;
 constexpr uint16_t kTypeRom = 0x8000;
 constexpr uint16_t kTypeCompressed = 0x30;
-constexpr uint32_t kUnpitchedFlag = 0x1000;
 constexpr ParamId kParamKeyGroup = 202;
 constexpr ParamId kParamPan = 51;
 // No table of a sane bank comes near this; it keeps a forged size from costing memory.
@@ -230,7 +229,7 @@ Waveform* ReadOneSample(Collection* collection, FileObject* file, uint32_t index
   wave->fineTune = header.correction;
   if (header.pitch > 254) {
     wave->rootKey = 60;
-    wave->sourceFormat |= kUnpitchedFlag;
+    wave->interfaceState[1] |= kSfUnpitched;
   } else {
     wave->rootKey = std::min<uint8_t>(header.pitch, 127);
   }
@@ -251,11 +250,11 @@ Waveform* ReadOneSample(Collection* collection, FileObject* file, uint32_t index
       wave->loop.end = float(int64_t(header.endLoop) - int64_t(header.start));
     }
     if (bank.sample24Offset) {
-      wave->SetPcmSourceByFormat(kStoragePcm24, wave->sourceFormat & kUnpitchedFlag);
+      wave->SetPcmSourceByFormat(kStoragePcm24, 0);
       wave->sourceOffsetB = bank.sample24Offset + header.start;
       wave->decoder = &DecodeSample24;
     } else {
-      wave->SetPcmSourceByFormat(kStoragePcm16, wave->sourceFormat & kUnpitchedFlag);
+      wave->SetPcmSourceByFormat(kStoragePcm16, 0);
     }
   }
   if (!romSource.empty()) wave->SetText(kTextSourceFile, romSource);

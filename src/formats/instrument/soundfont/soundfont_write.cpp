@@ -28,7 +28,6 @@ enum class BankKind { Sbk, Sf2, Sf3 };
 
 constexpr int kPadSamples = 46;  // zero samples the format requires behind every sample
 constexpr size_t kMaxRecords = 65535;
-constexpr uint32_t kUnpitchedFlag = 0x1000;
 constexpr const char kSf2TooMuch[] =
     "Save failed - Too much data!\n\nThe SF2 file format is by its construction limited to storing a maximum of "
     "65536 parameter values... Remove some instruments then try saving again.\n";
@@ -147,7 +146,7 @@ bool WriteBank(Item* item, FileObject* file, const SaveOptions* options, BankKin
         PutName(t.shdr, name);
         t.shdr.U32(s); t.shdr.U32(e); t.shdr.U32(loopStart); t.shdr.U32(loopEnd);
         t.shdr.U32(wave->sampleRate);
-        t.shdr.U8((wave->sourceFormat & kUnpitchedFlag) ? 255 : std::min<uint8_t>(wave->rootKey, 127));
+        t.shdr.U8((wave->interfaceState[1] & kSfUnpitched) ? 255 : std::min<uint8_t>(wave->rootKey, 127));
         t.shdr.U8(uint8_t(wave->fineTune));
         t.shdr.U16(uint16_t(channels == 2 ? shdrIndex + (c == 0 ? 1 : -1) : 0));
         t.shdr.U16(channels == 2 ? (c == 0 ? 4 : 2) : 1);
