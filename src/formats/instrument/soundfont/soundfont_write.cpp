@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <map>
 
 #include "core/collection.h"
 #include "core/file_object.h"
@@ -190,26 +191,30 @@ bool WriteBank(Item* item, FileObject* file, const SaveOptions* options, BankKin
         }
       }
     }
-    // Global zone: every value that all zones share and that differs from the default.
+    // Global zone: for each generator and slot the value most zones hold, when that is not the
+    // default; zones then write only where they differ. This keeps large banks under the 65535 limit.
     const ZoneGenerators defaultsG = DefaultZoneGenerators();
     const ZoneModulators defaultsM = DefaultZoneModulators();
     ZoneGenerators globalG = defaultsG;
     ZoneModulators globalM = defaultsM;
     bool anyGlobal = false;
-    if (!zones.empty()) {
-      for (int op = 0; op < kSfGeneratorCount; ++op) {
-        if (IsStructural(op)) continue;
-        const int16_t value = zones[0].g[size_t(op)];
-        bool same = true;
-        for (const ZoneOut& z : zones) same = same && z.g[size_t(op)] == value;
-        if (same && value != defaultsG[size_t(op)]) globalG[size_t(op)] = value, anyGlobal = true;
-      }
-      for (int slot = 0; slot < kSfModulatorSlots; ++slot) {
-        const int16_t value = zones[0].m[size_t(slot)];
-        bool same = true;
-        for (const ZoneOut& z : zones) same = same && z.m[size_t(slot)] == value;
-        if (same && value != defaultsM[size_t(slot)]) globalM[size_t(slot)] = value, anyGlobal = true;
-      }
+    auto commonest = [&](auto valueOf, int16_t fallback) {
+      std::map<int16_t, size_t> counts;
+      for (const ZoneOut& z : zones) ++counts[valueOf(z)];
+      int16_t best = fallback;
+      size_t bestCount = counts.count(fallback) ? counts[fallback] : 0;
+      for (const auto& [value, count] : counts)
+        if (count > bestCount) best = value, bestCount = count;
+      return best;
+    };
+    for (int op = 0; op < kSfGeneratorCount && !zones.empty(); ++op) {
+      if (IsStructural(op)) continue;
+      globalG[size_t(op)] = commonest([op](const ZoneOut& z) { return z.g[size_t(op)]; }, defaultsG[size_t(op)]);
+      anyGlobal = anyGlobal || globalG[size_t(op)] != defaultsG[size_t(op)];
+    }
+    for (int slot = 0; slot < kSfModulatorSlots && !zones.empty(); ++slot) {
+      globalM[size_t(slot)] = commonest([slot](const ZoneOut& z) { return z.m[size_t(slot)]; }, defaultsM[size_t(slot)]);
+      anyGlobal = anyGlobal || globalM[size_t(slot)] != defaultsM[size_t(slot)];
     }
     // Preset: a single zone naming the instrument.
     PutName(t.phdr, instrument->GetName());
@@ -232,7 +237,8 @@ bool WriteBank(Item* item, FileObject* file, const SaveOptions* options, BankKin
       const Region& region = *z.region;
       const WrittenSample& sample = written[size_t(view.WaveIndex(region.GetWave()))];
       AddBag(t, false);
-      AddGenerator(t, false, 43, int16_t(region.range.loKey | region.range.hiKey << 8));
+      if (region.range.loKey != 0 || region.range.hiKey != 127)
+        AddGenerator(t, false, 43, int16_t(region.range.loKey | region.range.hiKey << 8));
       if (region.range.loVelocity != 0 || region.range.hiVelocity != 127)
         AddGenerator(t, false, 44, int16_t(region.range.loVelocity | region.range.hiVelocity << 8));
       for (int op = 0; op < kSfGeneratorCount; ++op) {
@@ -261,7 +267,8 @@ bool WriteBank(Item* item, FileObject* file, const SaveOptions* options, BankKin
       if (loop.type != 0) AddGenerator(t, false, 54, int16_t(loop.release ? 3 : 1));
       const int group = int(region.range.values[202 - kFirstTriggerParam]);
       if (group > 0) AddGenerator(t, false, 57, int16_t(std::min(group, 32767)));
-      if (region.overrideFlags & Region::kOverrideRoot) AddGenerator(t, false, 58, int16_t(region.rootKey));
+      if ((region.overrideFlags & Region::kOverrideRoot) && region.rootKey != wave->rootKey)
+        AddGenerator(t, false, 58, int16_t(region.rootKey));
       for (int slot = 0; slot < kSfModulatorSlots; ++slot)
         if (z.m[size_t(slot)] != globalM[size_t(slot)]) AddModulator(t, slot, z.m[size_t(slot)]);
       AddGenerator(t, false, 53, int16_t(sample.first + uint32_t(std::max(z.channel, 0))));
