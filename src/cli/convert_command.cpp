@@ -140,6 +140,22 @@ int RunConvert(const ConvertRequest& request, std::ostream& out, std::ostream& e
       status = kExitFileFailed;
       continue;
     }
+    // A format with variant rows (MP3 CBR, ABR, VBR) offers each list on its own row: when the
+    // row found by extension lacks the named setting, a later row of that extension may have it.
+    if (request.row < 0 && !request.dataFormat.empty()) {
+      std::vector<const Waveform*> waves;
+      for (Waveform* wave : WavesOfItem(item)) waves.push_back(wave);
+      const uint8_t itemTypes = entry->itemTypes;
+      for (int32_t next = row; next < kFormatRowCount && GetRowExtension(next) == entry->extension; ++next) {
+        const FormatEntry* candidate = GetFormatRow(next);
+        if (!candidate->write || !(candidate->itemTypes & itemTypes)) continue;
+        if (FindComboEntry(DataFormatEntries(next, waves), request.dataFormat) >= 0) {
+          row = next;
+          entry = candidate;
+          break;
+        }
+      }
+    }
     SaveOptions options = DefaultSaveOptions(row);
     std::string problem;
     if (!ApplyChoices(request, row, item, options, problem)) {

@@ -854,6 +854,21 @@ Region* Instrument::AddRegion(uint32_t waveId, uint32_t keyRange, uint32_t veloc
   return region;
 }
 
+void Region::CopySettingsFrom(const Region& source) {
+  SetName(source.HasOwnName() ? source.GetName() : std::string());
+  sourceFormat = source.sourceFormat;
+  interfaceState = source.interfaceState;
+  range = source.range;
+  phaseGroup = source.phaseGroup;
+  phaseMaster = source.phaseMaster;
+  overrideFlags = source.overrideFlags;
+  rootKey = source.rootKey;
+  loop = source.loop;
+  startOffset = source.startOffset;
+  endOffset = source.endOffset;
+  articulation = source.articulation;
+}
+
 Region* Instrument::AddRegionCopy(const Region& source) {
   Layer* startAt = source.collection == collection ? source.collection->Find<Layer>(source.parentId) : nullptr;
   if (startAt && startAt->parentId != id) startAt = nullptr;
@@ -861,18 +876,7 @@ Region* Instrument::AddRegionCopy(const Region& source) {
   const uint32_t velocityRange = PackRange(source.range.loVelocity, source.range.hiVelocity);
   Layer* layer = FindLayerFor(keyRange, velocityRange, -1, startAt);
   auto* region = new Region(collection);
-  region->SetName(source.HasOwnName() ? source.GetName() : std::string());
-  region->sourceFormat = source.sourceFormat;
-  region->interfaceState = source.interfaceState;
-  region->range = source.range;
-  region->phaseGroup = source.phaseGroup;
-  region->phaseMaster = source.phaseMaster;
-  region->overrideFlags = source.overrideFlags;
-  region->rootKey = source.rootKey;
-  region->loop = source.loop;
-  region->startOffset = source.startOffset;
-  region->endOffset = source.endOffset;
-  region->articulation = source.articulation;
+  region->CopySettingsFrom(source);
   for (uint32_t childId : source.children) {
     if (TypeOfId(childId) == ItemType::SynthesisModel) {
       const auto* model = source.collection->Find<SynthesisModel>(childId);

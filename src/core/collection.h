@@ -246,6 +246,8 @@ class Region : public NamedItem {
   // Rebuilds the generated name (keys, velocities, wave name) for a region without its own name.
   std::string GeneratedName() const;
   bool HasOwnName() const { return !name_.empty(); }
+  // Takes the name, ranges, overrides, offsets and articulation of `source`; children are left alone.
+  void CopySettingsFrom(const Region& source);
 
   enum OverrideBit : uint8_t {
     kOverrideRoot = 1, kOverrideLoopType = 2, kOverrideLoopRelease = 4, kOverrideLoopStart = 8,
@@ -440,5 +442,14 @@ class Collection : public TextItem {
   std::array<uint32_t, kItemTypeCount> typeCounts_{};
   bool clearing_ = false;
 };
+
+// The children of `parent` that are of kind T and resolve, in order.
+template <typename T>
+std::vector<T*> ChildrenOf(const Item& parent) {
+  std::vector<T*> out;
+  for (uint32_t childId : parent.children)
+    if (T* child = parent.collection->Find<T>(childId)) out.push_back(child);
+  return out;
+}
 
 }  // namespace orlin

@@ -34,14 +34,6 @@ bool DeleteWhere(Collection& collection, Predicate isEmpty) {
   return !doomed.empty();
 }
 
-template <typename T>
-std::vector<T*> ChildrenOf(const Item& parent) {
-  std::vector<T*> out;
-  for (uint32_t childId : parent.children)
-    if (T* child = parent.collection->Find<T>(childId)) out.push_back(child);
-  return out;
-}
-
 bool HasLiveChild(const Item& item) {
   for (uint32_t childId : item.children)
     if (item.collection->FindItem(childId)) return true;

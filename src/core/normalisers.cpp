@@ -26,14 +26,6 @@ bool StoreSamples(Waveform& wave, const std::vector<float>& samples) {
   return true;
 }
 
-template <typename T>
-std::vector<T*> ChildrenOf(const Item& parent) {
-  std::vector<T*> out;
-  for (uint32_t childId : parent.children)
-    if (T* child = parent.collection->Find<T>(childId)) out.push_back(child);
-  return out;
-}
-
 bool Plays(const Collection& collection, const Waveform& wave) {
   for (Region* region : collection.All<Region>())
     if (std::find(region->children.begin(), region->children.end(), wave.id) != region->children.end()) return true;

@@ -33,14 +33,6 @@ void ApplyWithLinks(Item& item, ParamId id, float value, uint64_t features) {
   for (ParamId linked : LinkedParams(id, features)) item.SetParam(linked, value);
 }
 
-template <typename T>
-std::vector<T*> ChildrenOf(const Item& parent) {
-  std::vector<T*> out;
-  for (uint32_t childId : parent.children)
-    if (T* child = parent.collection->Find<T>(childId)) out.push_back(child);
-  return out;
-}
-
 // A level that sets the id moves by `delta`; one that does not simply inherits.
 void ShiftIfSet(Item& item, ParamId id, float delta, uint64_t features) {
   if (item.IsParamSet(id)) ApplyWithLinks(item, id, item.GetParam(id) + delta, features);

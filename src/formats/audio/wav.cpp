@@ -15,6 +15,8 @@
 #include "core/pcm.h"
 #include "core/save_choice.h"
 #include "core/text.h"
+#include "formats/audio/addons/mpeg_addon.h"
+#include "formats/audio/codecs/codecs.h"
 #include "formats/common/byte_reader.h"
 #include "formats/common/riff.h"
 
@@ -35,6 +37,10 @@ constexpr uint32_t kTagPcm = 1, kTagMsAdpcm = 2, kTagFloat = 3, kTagALaw = 6, kT
                    kTagDialogic = 23, kTagYamaha = 32, kTagGsm = 49, kTagRockwell = 59, kTagMpeg = 80,
                    kTagMp3 = 85, kTagG722 = 101, kTagRockwell2 = 768, kTagUsrGsm = 771, kTagUsrGsmRecords = 0x303,
                    kTagGsmAlt = 4096, kTagExtensible = 0xFFFE;
+// The decoder folds the G.72x tags into this one; the codec takes its width from wBitsPerSample.
+constexpr uint32_t kTagG72xFamily = 69;
+// The G.72x tags the writer uses: G.723 (3 and 5 bits), G.721 (4 bits), G.726 (2 bits).
+constexpr uint32_t kTagG723 = 20, kTagG721 = 64, kTagG726 = 100;
 constexpr uint32_t kG72xTags[] = {20, 64, 66, 69, 89, 100, 133, 139, 147, 291, 320, 16963, 41221, 41223};
 constexpr uint32_t kAacTags[] = {176, 255, 384, 8198, 8199, 16707, 41222};
 constexpr uint32_t kVorbisTags[] = {26447, 26448, 26449, 26479, 26480, 26481};
@@ -608,26 +614,151 @@ const char* WaveTagName(uint32_t tag) {
   }
 }
 
+namespace {
+
+// The G.72x tags whose fmt extension may name a leading header inside the data chunk.
+bool MayNameLeadingHeader(uint32_t tag) { return tag == kTagG723 || tag == kTagG721; }
+
+// Bytes that hold `frames` frames of `codec`, counted in whole blocks (or bytes for stream codecs);
+// 0 when one block gives no frame, which leaves the caller with the whole data.
+uint64_t BytesForFrames(const codecs::WaveCodec& codec, const codecs::CodecParams& params, uint64_t frames) {
+  const uint64_t unit = std::max<uint64_t>(params.blockAlign, 1);
+  const uint64_t perUnit = codec.frames(unit, params);
+  if (perUnit == 0) return 0;
+  return (frames + perUnit - 1) / perUnit * unit;
+}
+
+// The data chunk's own size when its head stands right before the samples, else the rest of the file.
+uint64_t DataBytesAvailable(const Waveform& wave, FileObject& file) {
+  const int64_t fileSize = file.Size();
+  uint64_t available = fileSize > int64_t(wave.sourceOffset) ? uint64_t(fileSize) - wave.sourceOffset : 0;
+  uint8_t head[8];
+  if (wave.sourceOffset >= 8 && file.ReadAt(wave.sourceOffset - 8, head, 8) && std::memcmp(head, "data", 4) == 0) {
+    const uint32_t chunkBytes = uint32_t(head[4] | head[5] << 8 | head[6] << 16 | uint32_t(head[7]) << 24);
+    if (chunkBytes != 0xFFFFFFFF) available = std::min<uint64_t>(available, chunkBytes);
+  }
+  return available;
+}
+
+// MPEG frames (tags 80 and 85) through the MPEG decoder; a stream shorter than the fact count cuts
+// the wave's length to what came.
+bool DecodeMpegSamples(Waveform* wave, FileObject* file) {
+  const uint64_t available = DataBytesAvailable(*wave, *file);
+  if (available >= kMaxDecodeBytes) return Fail("Wave is too big!");
+  std::vector<uint8_t> bytes(static_cast<size_t>(available));
+  if (!file->ReadAt(wave->sourceOffset, bytes.data(), bytes.size())) return Fail("Reading from file failed");
+  std::unique_ptr<addons::AudioStream> stream = addons::OpenMpegMemoryStream(std::move(bytes));
+  if (!stream) return false;
+  const uint32_t streamChannels = std::max<uint32_t>(stream->channels, 1);
+  if (uint64_t(wave->length) * streamChannels * sizeof(float) >= kMaxDecodeBytes) return Fail("Wave is too big!");
+  std::vector<float> decoded;
+  if (!addons::ReadAllFrames(*stream, decoded, wave->length)) return false;
+  const uint64_t frames = decoded.size() / streamChannels;
+  if (frames == 0) return Fail("Zero length");
+  wave->length = uint32_t(std::min<uint64_t>(frames, wave->length ? wave->length : frames));
+  wave->channels = uint8_t(std::min<uint32_t>(streamChannels, 2));
+  float* samples = wave->AllocSamples();
+  if (!samples) return Fail("Out of memory");
+  for (uint64_t frame = 0; frame < wave->length; ++frame)
+    for (uint32_t c = 0; c < wave->channels; ++c) samples[frame * wave->channels + c] = decoded[frame * streamChannels + c];
+  return true;
+}
+
+// Compressed data through a built-in codec. `format` is the whole fmt payload; the data chunk is
+// read only as far as the wave's length needs, and frames the bytes do not reach are silence.
+bool DecodeCodedSamples(Waveform* wave, FileObject* file, uint32_t tag, const std::vector<uint8_t>& format) {
+  if (tag == kTagMpeg || tag == kTagMp3) return DecodeMpegSamples(wave, file);
+  const codecs::WaveCodec* codec = codecs::FindWaveCodec(InList(kG72xTags, tag) ? kTagG72xFamily : tag);
+  if (!codec) {
+    const std::string name = WaveTagName(tag);
+    SetLastError("No built-in decoder for " + (name.empty() ? std::string("this") : name) + " data");
+    return false;
+  }
+  ByteReader fmt(format.data(), format.size());
+  fmt.U16();  // tag, taken by the caller (Extensible resolved)
+  const uint32_t fileChannels = fmt.U16();
+  fmt.Skip(8);  // rate, average bytes
+  codecs::CodecParams params;
+  params.channels = std::max<uint32_t>(fileChannels, 1);
+  params.blockAlign = fmt.U16();
+  params.bitsPerSample = fmt.CanRead(2) ? fmt.U16() : 4;
+  const uint32_t extraBytes = fmt.CanRead(2) ? fmt.U16() : 0;
+  params.extension = format.data() + std::min<size_t>(format.size(), 18);
+  params.extensionBytes = std::min<size_t>(extraBytes, format.size() - std::min<size_t>(format.size(), 18));
+  // G.722 in WAVE is always the 64 kbit/s mode, eight bits a byte, whatever wBitsPerSample says.
+  if (tag == kTagG722) params.bitsPerSample = 8;
+  if (wave->length == 0) return Fail("Zero length");
+  const uint32_t keptChannels = std::min<uint32_t>(params.channels, 2);
+  if (uint64_t(wave->length) * params.channels * sizeof(float) >= kMaxDecodeBytes) return Fail("Wave is too big!");
+
+  uint64_t available = DataBytesAvailable(*wave, *file);
+  // Some G.721/G.723 writers put a header of their own ahead of the codes and name its size.
+  uint64_t skip = 0;
+  if (MayNameLeadingHeader(tag) && params.extensionBytes >= 2)
+    skip = std::min<uint64_t>(params.extension[0] | params.extension[1] << 8, available);
+  uint64_t byteCount = available - skip;
+  if (const uint64_t needed = BytesForFrames(*codec, params, wave->length)) byteCount = std::min(byteCount, needed);
+  if (byteCount >= kMaxDecodeBytes) return Fail("Wave is too big!");
+  std::vector<uint8_t> bytes;
+  try {
+    bytes.resize(size_t(byteCount));
+  } catch (const std::bad_alloc&) {
+    return Fail("Out of memory");
+  }
+  if (!file->ReadAt(wave->sourceOffset + skip, bytes.data(), bytes.size())) return Fail("Reading from file failed");
+  wave->channels = uint8_t(keptChannels);
+  float* samples = wave->AllocSamples();
+  if (!samples) return Fail("Out of memory");
+  if (params.channels == keptChannels) {
+    codecs::DecodeAndPad(*codec, bytes.data(), bytes.size(), params, samples, wave->length);
+    return true;
+  }
+  // More than two channels: decode them all, keep the first two of each frame.
+  std::vector<float> all;
+  try {
+    all.resize(size_t(wave->length) * params.channels);
+  } catch (const std::bad_alloc&) {
+    return Fail("Out of memory");
+  }
+  codecs::DecodeAndPad(*codec, bytes.data(), bytes.size(), params, all.data(), wave->length);
+  for (uint64_t frame = 0; frame < wave->length; ++frame)
+    for (uint32_t c = 0; c < keptChannels; ++c) samples[frame * keptChannels + c] = all[frame * params.channels + c];
+  return true;
+}
+
+// The whole fmt payload that starts at `offset`; its size comes from the chunk head before it.
+bool ReadFormatRecord(FileObject* file, uint64_t offset, std::vector<uint8_t>& format) {
+  uint8_t size[4];
+  if (offset < 4 || !file->ReadAt(offset - 4, size, 4)) return Fail("Reading from file failed");
+  // cbSize is 16 bits, so nothing past 18 + 65535 bytes belongs to the format.
+  constexpr uint32_t kMaxFormatBytes = 18 + 0xFFFF;
+  const uint32_t bytes = std::min<uint32_t>(uint32_t(size[0] | size[1] << 8 | size[2] << 16 | uint32_t(size[3]) << 24),
+                                            kMaxFormatBytes);
+  const int64_t fileSize = file->Size();
+  const uint64_t present = fileSize > int64_t(offset) ? uint64_t(fileSize) - offset : 0;
+  format.assign(size_t(std::min<uint64_t>(bytes, present)), 0);
+  if (format.size() < 14 || !file->ReadAt(offset, format.data(), format.size())) return Fail("Reading from file failed");
+  return true;
+}
+
+}  // namespace
+
 bool DecodeWaveSamples(Waveform* wave, FileObject* file) {
   if (!file->IsOpen()) return Fail("Reading from file failed");
-  uint8_t head[40] = {};
-  if (!file->ReadAt(wave->sourceOffsetB, head, 16)) return Fail("Reading from file failed");
-  ByteReader format(head, sizeof head);
+  std::vector<uint8_t> record;
+  if (!ReadFormatRecord(file, wave->sourceOffsetB, record)) return false;
+  ByteReader format(record.data(), record.size());
   uint32_t tag = format.U16();
   const uint32_t channels = format.U16();
   format.U32();
   format.U32();
   const uint32_t blockAlign = format.U16();
-  uint32_t bits = format.U16();
+  uint32_t bits = format.CanRead(2) ? format.U16() : 16;
   if (tag == kTagExtensible) {
-    if (!file->ReadAt(wave->sourceOffsetB + 16, head + 16, 24)) return Fail("Reading from file failed");
-    tag = uint32_t(head[24] | head[25] << 8);
+    if (record.size() < 26) return Fail("Reading from file failed");
+    tag = uint32_t(record[24] | record[25] << 8);
   }
-  if (!IsPlainTag(tag) && tag != 370 && tag != 369) {
-    const std::string name = WaveTagName(tag);
-    SetLastError("No built-in decoder for " + (name.empty() ? std::string("this") : name) + " data");
-    return false;
-  }
+  if (!IsPlainTag(tag) && tag != 370 && tag != 369) return DecodeCodedSamples(wave, file, tag, record);
   if (wave->length == 0) return Fail("Zero length");
   if (channels == 0) return Fail("No channels");
   const uint32_t bytesPerSample = std::max<uint32_t>((bits + 7) / 8, 1);
@@ -702,6 +833,13 @@ int32_t DetectRockwellRif(const uint8_t* head, uint32_t, uint32_t headBytes, uin
   return HasWaveSignature(head, headBytes) && headBytes >= 22 && head[20] == 0 && head[21] == 3 ? 6 : 0;
 }
 
+int32_t DetectUsrGsmWav(const uint8_t* head, uint32_t, uint32_t headBytes, uint64_t) {
+  return HasWaveSignature(head, headBytes) && headBytes >= 22 && head[20] == (kTagUsrGsm & 0xFF) &&
+                 head[21] == (kTagUsrGsm >> 8)
+             ? 6
+             : 0;
+}
+
 int32_t DetectSmartSoundSds(const uint8_t* head, uint32_t, uint32_t headBytes, uint64_t) {
   return headBytes >= 12 && std::memcmp(head, "SDSS", 4) == 0 && std::memcmp(head + 8, "WAVE", 4) == 0 ? 4 : 0;
 }
@@ -752,8 +890,71 @@ bool ChooseFmt(uint32_t storage, FmtChoice& out) {
     case kStorageFloat32: out = {kTagFloat, 32, 0}; return true;
     case kStorageMuLaw: out = {kTagMuLaw, 8, 0}; return true;
     case kStorageALaw: out = {kTagALaw, 8, 0}; return true;
-    default: return false;  // GSM, low-bit ADPCM and MP3 need encoders this writer does not have
+    // The coded kinds are mono. ADPCM 2-bit goes under the G.726 tag, 3- and 5-bit under the G.723
+    // one and 4-bit under the G.721 one, each with its code width in wBitsPerSample.
+    case kStorageGsm: out = {kTagGsm, 0, 0}; return true;
+    case kStorageAdpcm2: out = {kTagG726, 2, 0}; return true;
+    case kStorageAdpcm3: out = {kTagG723, 3, 0}; return true;
+    case kStorageAdpcm4: out = {kTagG721, 4, 0}; return true;
+    case kStorageAdpcm5: out = {kTagG723, 5, 0}; return true;
+    case kStorageCompressed: out = {kTagMp3, 0, 0}; return true;
+    default: return false;  // 12/20-bit, 64-bit float and delta have no tag here
   }
+}
+
+bool IsCodedStorage(uint32_t storage) { return storage >= kStorageGsm && storage <= kStorageAdpcm5; }
+
+// GSM pairs of frames: 65 bytes for 320 samples.
+constexpr uint32_t kGsmBlockBytes = 65, kGsmBlockFrames = 320;
+
+// The wave mixed to mono and run through the coder of `storage` (GSM or G.72x).
+bool EncodeCoded(Waveform& wave, uint32_t storage, uint32_t bits, std::vector<uint8_t>& out) {
+  const float* samples = wave.GetSamplesForRead();
+  if (!samples) return wave.length == 0;
+  const uint64_t frames = wave.Data()->frames;
+  const uint32_t channels = std::max<uint32_t>(wave.Data()->channels, 1);
+  std::vector<float> mono(frames);
+  for (uint64_t i = 0; i < frames; ++i) {
+    float sum = 0;
+    for (uint32_t c = 0; c < channels; ++c) sum += samples[i * channels + c];
+    mono[i] = sum / float(channels);
+  }
+  out = storage == kStorageGsm ? codecs::EncodeGsm(mono.data(), frames, codecs::GsmFraming::Wave65)
+                               : codecs::EncodeG726(mono.data(), frames, bits);
+  return true;
+}
+
+// Frames of delay an MP3 decoder adds ahead of the signal, as the fmt record and fact count state it.
+constexpr uint16_t kMp3CodecDelay = 1104;
+
+// The wave as constant-rate MP3 frames; `rate` is the chosen setting in kbit/s. The bit rate falls back
+// to 128 kbit/s outside 8..320. Rates MP3 cannot carry are refused rather than resampled.
+bool EncodeMp3(Waveform& wave, double rate, uint32_t channels, std::vector<uint8_t>& out, int& kbit) {
+  kbit = int(std::lround(rate > 0 ? rate : DataFormatRate(wave.dataFormat) ? DataFormatRate(wave.dataFormat) : 128));
+  if (kbit < 8 || kbit > 320) kbit = 128;
+  static constexpr uint32_t kMp3Rates[] = {8000, 11025, 12000, 16000, 22050, 24000, 32000, 44100, 48000};
+  if (std::find(std::begin(kMp3Rates), std::end(kMp3Rates), wave.sampleRate) == std::end(kMp3Rates))
+    return Fail(("MP3 can not hold a sample rate of " + std::to_string(wave.sampleRate) + " Hz").c_str());
+  const float* samples = wave.GetSamplesForRead();
+  if (!samples) return false;
+  const uint32_t frames = wave.Data()->frames;
+  const uint32_t sourceChannels = wave.Data()->channels;
+  std::vector<float> converted;
+  if (channels != sourceChannels) {
+    // Mixed to mono, or mono doubled, as the channel choice asks.
+    converted.resize(size_t(frames) * channels);
+    for (size_t frame = 0; frame < frames; ++frame)
+      for (uint32_t c = 0; c < channels; ++c)
+        converted[frame * channels + c] = channels == 1 ? 0.5f * (samples[frame * 2] + samples[frame * 2 + 1])
+                                                        : samples[frame];
+    samples = converted.data();
+  }
+  addons::EncodeInput input;
+  input.samples = samples;
+  input.frames = frames;
+  input.channels = channels;
+  input.rate = wave.sampleRate;
+  return addons::EncodeMp3ToMemory(input, addons::Mp3Mode::Cbr, kbit, false, out);
 }
 
 std::vector<uint8_t> SmplBody(const Waveform& wave, uint32_t variant) {
@@ -912,7 +1113,8 @@ bool WriteWaveToMemory(Waveform& wave, std::vector<uint8_t>& out, const WaveWrit
   options.rate = params.rate;
   double rate = 0.0;
   const uint32_t storage = ChooseSaveFormat(wave, options, rate);
-  const uint32_t channels = ChooseChannels(wave, options);
+  const bool coded = IsCodedStorage(storage);
+  const uint32_t channels = coded ? 1 : ChooseChannels(wave, options);
   FmtChoice fmt{};
   if (!ChooseFmt(storage, fmt)) return Fail("Unsupported subformat");
   const bool extensible = params.variant == kWaveVariantExtensible;
@@ -920,18 +1122,34 @@ bool WriteWaveToMemory(Waveform& wave, std::vector<uint8_t>& out, const WaveWrit
   if (extensible && fmt.tag != kTagPcm && fmt.tag != kTagFloat) return Fail("Unsupported subformat");
   if (!wave.GetSamplesForRead() && wave.length) return false;
   const uint32_t frames = wave.Data() ? wave.Data()->frames : 0;
+  std::vector<uint8_t> codes;
+  if (coded && !EncodeCoded(wave, storage, fmt.bitsPerSample, codes)) return false;
+  const bool mp3 = storage == kStorageCompressed;
+  int kbit = 0;
+  if (mp3 && !EncodeMp3(wave, rate, channels, codes, kbit)) return false;
   const uint32_t bytesPerSample = fmt.bitsPerSample / 8;
-  const uint64_t dataBytes = uint64_t(frames) * channels * bytesPerSample;
+  const uint64_t dataBytes = coded || mp3 ? codes.size() : uint64_t(frames) * channels * bytesPerSample;
   if (dataBytes > kMaxWriteDataBytes) return Fail("Wave too big - use 64-bit version!");
 
   RiffWriter riff;
   riff.Begin(FourCC("RIFF"), FourCC("WAVE"));
   ByteWriter format;
-  const uint16_t blockAlign = uint16_t(bytesPerSample * channels);
+  uint16_t blockAlign = uint16_t(bytesPerSample * channels);
+  uint32_t averageBytes = blockAlign * wave.sampleRate;
+  if (storage == kStorageGsm) {
+    blockAlign = kGsmBlockBytes;
+    averageBytes = uint32_t(wave.sampleRate * (double(kGsmBlockBytes) / kGsmBlockFrames));
+  } else if (mp3) {
+    blockAlign = 1;
+    averageBytes = uint32_t(kbit * 1000 / 8);
+  } else if (coded) {
+    blockAlign = uint16_t(16 * fmt.bitsPerSample);  // 16 bytes per code bit: whole codes in every block
+    averageBytes = uint32_t((uint64_t(fmt.bitsPerSample) * wave.sampleRate + 7) / 8);
+  }
   format.U16(extensible ? kTagExtensible : fmt.tag);
   format.U16(uint16_t(channels));
   format.U32(wave.sampleRate);
-  format.U32(blockAlign * wave.sampleRate);
+  format.U32(averageBytes);
   format.U16(blockAlign);
   format.U16(fmt.bitsPerSample);
   if (extensible) {
@@ -943,16 +1161,32 @@ bool WriteWaveToMemory(Waveform& wave, std::vector<uint8_t>& out, const WaveWrit
     format.Append(kGuidTail, sizeof kGuidTail);
   } else if (fmt.tag == kTagALaw || fmt.tag == kTagMuLaw) {
     format.U16(0);  // cbSize
+  } else if (fmt.tag == kTagGsm) {
+    format.U16(2);  // cbSize
+    format.U16(kGsmBlockFrames);
+  } else if (fmt.tag == kTagMp3) {
+    // MPEGLAYER3WAVEFORMAT: the size of a frame at this rate, one frame a block, and the encoder's delay.
+    const uint32_t perFrame = 144000 / (wave.sampleRate < 28000 ? 2 : 1);
+    format.U16(12);  // cbSize
+    format.U16(1);   // wID: MPEG
+    format.U32(0);   // fdwFlags
+    format.U16(uint16_t((wave.sampleRate / 2 + uint64_t(perFrame) * uint32_t(kbit)) / wave.sampleRate));
+    format.U16(1);   // nFramesPerBlock
+    format.U16(kMp3CodecDelay);
+  } else if (fmt.tag == kTagG721 || fmt.tag == kTagG723) {
+    format.U16(2);  // cbSize
+    format.U16(0);  // no leading header ahead of the codes
   }
   riff.Chunk(FourCC("fmt "), format.Bytes().data(), format.Size());
   if (fmt.tag != kTagPcm || extensible) {
     ByteWriter fact;
-    fact.U32(frames);
+    fact.U32(mp3 ? frames + kMp3CodecDelay : frames);
     riff.Chunk(FourCC("fact"), fact.Bytes().data(), fact.Size());
   }
   if (bare) WriteSmpl(riff, wave, params.variant);
   const size_t data = riff.Open(FourCC("data"));
-  if (!AppendSamples(riff.Bytes(), wave, storage, channels, fmt.flags)) return false;
+  if (coded || mp3) riff.Bytes().insert(riff.Bytes().end(), codes.begin(), codes.end());
+  else if (!AppendSamples(riff.Bytes(), wave, storage, channels, fmt.flags)) return false;
   // Silence for unsigned 8-bit samples is 0x80, so the pad byte is too.
   riff.Close(data, storage == kStoragePcm8 ? 0x80 : 0);
   if (!bare) {

@@ -1,7 +1,8 @@
 // RIFF WAVE: reading (RIFF, RF64 with ds64, a wave nested in LIST "wave", SDSS), the detectors of the
 // wave rows, and the writer that builds a whole RIFF image in memory. Other handlers use the embedded
 // entry points to read one wave between two offsets of their own file, or to get a wave as bytes.
-// Samples stay in the file until first use: plain PCM goes through the generic decoder.
+// Samples stay in the file until first use: plain PCM goes through the generic decoder, ADPCM and GSM
+// through the built-in codecs; the writer also stores GSM and G.72x ADPCM, always mono.
 #pragma once
 #include <cstdint>
 #include <string_view>
@@ -28,6 +29,8 @@ struct WaveWriteParams {
 int32_t DetectWav(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
 int32_t DetectBroadcastWav(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
 int32_t DetectRockwellRif(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
+// A WAVE whose fmt (first chunk) holds the USR modem GSM tag.
+int32_t DetectUsrGsmWav(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
 int32_t DetectSmartSoundSds(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
 
 bool ReadWav(Collection* collection, FileObject* file, uint32_t variant);
@@ -52,7 +55,7 @@ void ReadSamplerChunk(Waveform& wave, const uint8_t* body, size_t size);
 // Name of a format tag for messages and `orlin info` ("MS ADPCM", "MP3" ...); "" when unknown.
 const char* WaveTagName(uint32_t tag);
 
-// Save index that a WAVE writer can hold; both writers use it.
+// Save indices of plain samples that both WAVE writers hold; a row without a storage list gets these.
 constexpr uint32_t kWaveWritableStorage = (1u << 0) | (1u << 2) | (1u << 4) | (1u << 5) | (1u << 6) | (1u << 8) |
                                           (1u << 9);
 

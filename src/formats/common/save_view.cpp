@@ -11,16 +11,7 @@ namespace {
 
 Region* CopyRegionInto(Collection& collection, const Region& source, Layer& layer) {
   auto* region = new Region(&collection);
-  if (source.HasOwnName()) region->SetName(source.GetName());
-  region->range = source.range;
-  region->phaseGroup = source.phaseGroup;
-  region->phaseMaster = source.phaseMaster;
-  region->overrideFlags = source.overrideFlags;
-  region->rootKey = source.rootKey;
-  region->loop = source.loop;
-  region->startOffset = source.startOffset;
-  region->endOffset = source.endOffset;
-  region->articulation = source.articulation;
+  region->CopySettingsFrom(source);
   // Waves are shared, never owned by a region; a synthesis model stays with its source region.
   for (uint32_t childId : source.children)
     if (TypeOfId(childId) == ItemType::Waveform) region->children.push_back(childId);
