@@ -66,6 +66,7 @@ struct SoundFontFile {
   std::vector<SfSampleHeader> samples;
   uint64_t sampleDataOffset = 0;  // smpl body
   uint64_t sampleCount = 0;       // 16-bit words in smpl
+  uint64_t sampleBytes = 0;       // smpl size; compressed banks may leave it odd
   uint64_t sample24Offset = 0;    // sm24 body, 0 when none
   uint16_t versionMajor = 2, versionMinor = 1;
   bool packed = false;      // form "sfpk": smpl is one WavPack stream

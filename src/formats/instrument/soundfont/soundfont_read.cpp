@@ -6,13 +6,18 @@
 #include <cmath>
 #include <cstring>
 #include <filesystem>
+#include <cstdio>
 #include <map>
+#include <memory>
+#include <unistd.h>
 
 #include "core/collection.h"
 #include "core/file_object.h"
 #include "core/last_error.h"
 #include "core/pcm.h"
 #include "core/user_interface.h"
+#include "formats/audio/addons/flac_addon.h"
+#include "formats/audio/addons/vorbis_addon.h"
 #include "formats/common/riff.h"
 #include "formats/instrument/soundfont/soundfont.h"
 
@@ -90,8 +95,94 @@ bool DecodeSample24(Waveform* wave, FileObject* file) {
   return true;
 }
 
-bool DecodeCompressedUnavailable(Waveform*, FileObject*) {
-  return Fail("Compressed SoundFont samples need the Vorbis and FLAC add-ons, which this build lacks");
+// Compressed samples are whole Ogg Vorbis or FLAC streams lying between sourceOffset and
+// sourceOffsetB. The codec readers take a file of their own, so the stream is copied out first.
+bool DecodeCompressedSample(Waveform* wave, FileObject* file) {
+  if (!file || wave->sourceOffsetB <= wave->sourceOffset || wave->length == 0) return Fail("Zero length");
+  std::vector<uint8_t> bytes(size_t(wave->sourceOffsetB - wave->sourceOffset));
+  if (!file->ReadAt(wave->sourceOffset, bytes.data(), bytes.size())) return Fail("Reading from file failed");
+  const bool ogg = std::memcmp(bytes.data(), "OggS", 4) == 0;
+  if (!ogg && std::memcmp(bytes.data(), "fLaC", 4) != 0) return Fail("Unknown compressed sample data");
+  char pattern[] = "/tmp/orlin-sf3-XXXXXX";
+  const int fd = mkstemp(pattern);
+  if (fd < 0) return Fail("Could not create file");
+  close(fd);
+  const std::string path = pattern;
+  bool ok = false;
+  {
+    FileObject temp;
+    if (temp.Open(path, FileMode::Create) && temp.Write(bytes.data(), bytes.size())) {
+      temp.Close();
+      FileObject stream;
+      if (stream.Open(path, FileMode::Read)) {
+        std::unique_ptr<addons::AudioStream> decoder =
+            ogg ? addons::OpenVorbisStream(stream) : addons::OpenFlacStream(stream);
+        std::vector<float> frames;
+        if (decoder && addons::ReadAllFrames(*decoder, frames, wave->length) && decoder->channels >= 1 &&
+            wave->AllocSamples()) {
+          float* out = wave->Data()->samples;
+          const size_t count = frames.size() / decoder->channels;
+          for (uint32_t i = 0; i < wave->length; ++i) out[i] = i < count ? frames[size_t(i) * decoder->channels] : 0.0f;
+          ok = true;
+        }
+      }
+    }
+  }
+  std::remove(path.c_str());
+  return ok;
+}
+
+// Length and rate from a compressed sample's own header: FLAC's STREAMINFO, or Vorbis's identification
+// header and the granule position of the stream's last page. False when neither is there.
+bool ProbeCompressedSample(FileObject& file, uint64_t start, uint64_t end, uint32_t& frames, uint32_t& rate) {
+  if (end <= start + 64) return false;
+  uint8_t head[64];
+  if (!file.ReadAt(start, head, sizeof head)) return false;
+  if (std::memcmp(head, "fLaC", 4) == 0) {
+    // STREAMINFO body at 8: rate 20 bits, channels 3, bits 5, total samples 36.
+    const uint8_t* info = head + 8;
+    rate = uint32_t(info[10]) << 12 | uint32_t(info[11]) << 4 | info[12] >> 4;
+    const uint64_t total = uint64_t(info[13] & 0x0F) << 32 | uint64_t(info[14]) << 24 | uint64_t(info[15]) << 16 |
+                           uint64_t(info[16]) << 8 | info[17];
+    frames = uint32_t(std::min<uint64_t>(total, 0xFFFFFFFFu));
+    return rate && frames;
+  }
+  if (std::memcmp(head, "OggS", 4) != 0) return false;
+  // First page: 27-byte head, segment table, then "\x01vorbis", version, channels, rate.
+  const size_t segments = head[26];
+  const size_t packet = 27 + segments;
+  if (packet + 16 > sizeof head || std::memcmp(head + packet, "\x01vorbis", 7) != 0) return false;
+  rate = uint32_t(head[packet + 12]) | uint32_t(head[packet + 13]) << 8 | uint32_t(head[packet + 14]) << 16 |
+         uint32_t(head[packet + 15]) << 24;
+  // The last page's granule position counts the stream's frames.
+  const uint64_t tailSize = std::min<uint64_t>(end - start, 65536);
+  std::vector<uint8_t> tail(static_cast<size_t>(tailSize));
+  if (!file.ReadAt(end - tailSize, tail.data(), tail.size())) return false;
+  for (size_t at = tail.size() >= 27 ? tail.size() - 27 : 0; at + 27 <= tail.size(); --at) {
+    if (std::memcmp(tail.data() + at, "OggS", 4) == 0) {
+      uint64_t granule = 0;
+      for (int k = 0; k < 8; ++k) granule |= uint64_t(tail[at + 6 + size_t(k)]) << (8 * k);
+      frames = uint32_t(std::min<uint64_t>(granule, 0xFFFFFFFFu));
+      return rate && frames;
+    }
+    if (at == 0) break;
+  }
+  return false;
+}
+
+// Some writers leave an odd-sized chunk without its pad byte. When the padded position holds no
+// chunk this format knows but the unpadded one does, the walk goes on from the unpadded one.
+void StepOverMissingPad(RiffCursor& cursor) {
+  if (!(cursor.rawSize & 1) || cursor.next < 1) return;
+  auto known = [&](uint64_t at) {
+    uint8_t id[4];
+    if (!cursor.file->ReadAt(at, id, 4)) return false;
+    for (const char* tag : {"LIST", "smpl", "sm24", "snam", "phdr", "pbag", "pmod", "pgen", "inst", "ibag", "imod",
+                            "igen", "shdr"})
+      if (std::memcmp(id, tag, 4) == 0) return true;
+    return false;
+  };
+  if (!known(cursor.next) && known(cursor.next - 1)) --cursor.next;
 }
 
 }  // namespace
@@ -120,15 +211,18 @@ bool ReadSoundFontTables(FileObject& file, SoundFontFile& out) {
   std::vector<uint8_t> body;
   bool sawInfo = false;
   while (riff.Step()) {
+    StepOverMissingPad(riff);
     if (riff.id != FourCC("LIST")) continue;
     RiffCursor list;
     if (!list.Open(file, riff.position - 8, riff.position + riff.size)) continue;
     while (list.Step()) {
+      StepOverMissingPad(list);
       const uint32_t id = list.id;
       if (list.form == FourCC("sdta")) {
         if (id == FourCC("smpl") && !out.sampleDataOffset) {
           out.sampleDataOffset = list.position;
           out.sampleCount = list.size / 2;
+          out.sampleBytes = list.size;
         } else if (id == FourCC("sm24") && !out.sample24Offset) {
           out.sample24Offset = list.position;
         } else if (id == FourCC("snam") && snam.empty()) {
@@ -218,7 +312,6 @@ bool ReadSoundFontTables(FileObject& file, SoundFontFile& out) {
 
 Waveform* ReadOneSample(Collection* collection, FileObject* file, uint32_t index, const SfSampleHeader& header,
                         const SoundFontFile& bank, const std::string& romSource) {
-  (void)file;
   if (header.end <= header.start) return nullptr;
   const bool compressed = bank.compressed && (header.type & kTypeCompressed);
   if (!compressed && !bank.packed && uint64_t(header.end) > bank.sampleCount) return nullptr;
@@ -235,9 +328,18 @@ Waveform* ReadOneSample(Collection* collection, FileObject* file, uint32_t index
   }
   if (compressed) {
     // Each sample is a whole Ogg or FLAC stream; offsets count bytes and loops are already relative.
-    wave->length = header.end - header.start;
     wave->sourceOffset = bank.sampleDataOffset + header.start;
-    wave->decoder = &DecodeCompressedUnavailable;
+    wave->sourceOffsetB = bank.sampleDataOffset + header.end;
+    uint32_t frames = 0, rate = 0;
+    if (!file || wave->sourceOffsetB > bank.sampleDataOffset + bank.sampleBytes ||
+        !ProbeCompressedSample(*file, wave->sourceOffset, wave->sourceOffsetB, frames, rate)) {
+      delete wave;
+      return nullptr;
+    }
+    wave->length = frames;
+    wave->sampleRate = rate;
+    wave->bits = 16;
+    wave->decoder = &DecodeCompressedSample;
     if (header.endLoop > header.startLoop) {
       wave->loop.start = float(header.startLoop);
       wave->loop.end = float(header.endLoop);
