@@ -481,17 +481,42 @@ TEST(SoundFontWrite, TwentyFourBitWavesKeepTheirLowByte) {
   EXPECT_EQ(channel, 2);
 }
 
-TEST(SoundFontWrite, Sf3NeedsTheAddOns) {
+TEST(SoundFontWrite, Sf3StoresFlacExactlyAndVorbisClosely) {
+  const int32_t row = FindWriteRow("sf3", kMaskWaveform);
+  ASSERT_GE(row, 0);
   Collection collection;
   auto* wave = new Waveform(&collection);
-  wave->length = 10;
-  wave->AllocSamples();
-  ScratchDir dir;
-  FileObject file;
-  ASSERT_TRUE(file.Open(dir.File("x.sf3"), FileMode::Create));
-  SaveOptions options;
-  EXPECT_FALSE(WriteSf3(wave, &file, &options));
-  EXPECT_NE(LastError().find("add-ons"), std::string::npos);
+  wave->SetName("sine");
+  wave->length = 22050;
+  wave->sampleRate = 44100;
+  float* samples = wave->AllocSamples();
+  for (uint32_t i = 0; i < wave->length; ++i) samples[i] = std::round(16000.0f * std::sin(i * 0.0627f)) / 32768.0f;
+  wave->loop = {1, 0, 1000.0f, 21000.0f};
+  for (const float setting : {1.0f, 7.0f}) {  // the FLAC entry, then Vorbis quality 6
+    SCOPED_TRACE(setting);
+    ScratchDir dir;
+    const std::string path = dir.File("sine.sf3");
+    SaveOptions options = DefaultSaveOptions(row);
+    options.rate = setting;
+    ASSERT_TRUE(SaveItem(wave, row, path, options)) << LastError();
+    Collection back;
+    ASSERT_TRUE(LoadFile(back, path, false)) << LastError();
+    Waveform* read = *back.All<Waveform>().begin();
+    ASSERT_EQ(read->length, wave->length);
+    EXPECT_EQ(read->loop.start, 1000.0f);
+    EXPECT_EQ(read->loop.end, 21000.0f);
+    const float* data = read->GetSamplesForRead();
+    ASSERT_NE(data, nullptr) << LastError();
+    double xy = 0, xx = 0, yy = 0, maxError = 0;
+    for (uint32_t i = 0; i < wave->length; ++i) {
+      xy += double(samples[i]) * data[i], xx += double(samples[i]) * samples[i], yy += double(data[i]) * data[i];
+      maxError = std::max(maxError, std::fabs(double(samples[i]) - data[i]));
+    }
+    if (setting == 1.0f) {
+      EXPECT_LT(maxError, 1e-6);
+    }
+    EXPECT_GT(xy / std::sqrt(xx * yy), 0.999);
+  }
 }
 
 }  // namespace

@@ -5,13 +5,18 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <cstdio>
 #include <map>
+#include <unistd.h>
 
 #include "core/collection.h"
 #include "core/file_object.h"
 #include "core/last_error.h"
 #include "core/save_choice.h"
 #include "core/text.h"
+#include "core/user_interface.h"
+#include "formats/audio/addons/flac_addon.h"
+#include "formats/audio/addons/vorbis_addon.h"
 #include "formats/common/riff.h"
 #include "formats/common/save_view.h"
 #include "formats/instrument/soundfont/soundfont.h"
@@ -89,12 +94,40 @@ struct ZoneOut {
 int16_t Coarse(int32_t value) { return int16_t(value / 32768); }
 int16_t Fine(int32_t value) { return int16_t(value % 32768); }
 
+constexpr uint16_t kTypeCompressedVorbis = 0x10;
+
+// Encodes one channel through a temporary file: FLAC when the setting is the FLAC entry (1.0),
+// else Ogg Vorbis at the setting's quality.
+bool EncodeChannel(const std::vector<float>& samples, uint32_t rate, float setting, std::vector<uint8_t>& out) {
+  char pattern[] = "/tmp/orlin-sf3-XXXXXX";
+  const int fd = mkstemp(pattern);
+  if (fd < 0) return Fail("Could not create file");
+  close(fd);
+  const std::string path = pattern;
+  addons::EncodeInput input;
+  input.samples = samples.data();
+  input.frames = uint32_t(samples.size());
+  input.channels = 1;
+  input.rate = rate;
+  bool ok = false;
+  {
+    FileObject file;
+    if (file.Open(path, FileMode::Create)) {
+      const float vorbisQuality = setting > 1.0f ? (setting - 1.0f) / 10.0f : 0.5f;
+      ok = setting == 1.0f ? addons::EncodeFlac(file, input, 16, 5) : addons::EncodeVorbis(file, input, vorbisQuality);
+    }
+  }
+  std::string bytes;
+  if (ok) ok = ReadWholeFile(path, bytes);
+  std::remove(path.c_str());
+  out.assign(bytes.begin(), bytes.end());
+  return ok;
+}
+
 bool WriteBank(Item* item, FileObject* file, const SaveOptions* options, BankKind kind) {
   if (!item || (item->Type() != ItemType::Collection && item->Type() != ItemType::Instrument &&
                 item->Type() != ItemType::Waveform))
     return Fail("The file format can not save this item");
-  if (kind == BankKind::Sf3)
-    return Fail("Saving compressed SoundFont banks needs the Vorbis and FLAC add-ons, which this build lacks");
   SaveView view(item);
   const std::vector<Waveform*>& waves = view.Waveforms();
   bool use24 = false;
@@ -121,6 +154,30 @@ bool WriteBank(Item* item, FileObject* file, const SaveOptions* options, BankKin
     const LoopInfo loop = wave->loop;
     const bool looped = loop.end != kLoopEndUnset && loop.end > loop.start && frames;
     for (uint32_t c = 0; c < channels; ++c) {
+      if (kind == BankKind::Sf3) {
+        // A whole Ogg Vorbis or FLAC stream per channel; offsets in bytes, loop points relative.
+        SetStatus("Compressing: " + wave->GetName(), StatusMode::ProgressLabel);
+        std::vector<float> mono(frames);
+        for (uint32_t f = 0; f < frames; ++f) mono[f] = samples[size_t(f) * stride + c];
+        std::vector<uint8_t> stream;
+        if (!EncodeChannel(mono, wave->sampleRate, options ? options->rate : 0.0f, stream)) {
+          Ui().Warn("Error!", LastError());
+          return false;
+        }
+        const uint32_t s = uint32_t(smpl.Size());
+        smpl.Append(stream.data(), stream.size());
+        PutName(t.shdr, channels == 2 ? wave->GetName().substr(0, 18) + (c == 0 ? "-L" : "-R") : wave->GetName());
+        t.shdr.U32(s); t.shdr.U32(uint32_t(smpl.Size()));
+        t.shdr.U32(looped ? uint32_t(std::max(0.0f, loop.start)) : 0);
+        t.shdr.U32(looped ? uint32_t(std::min(float(frames), loop.end)) : 0);
+        t.shdr.U32(wave->sampleRate);
+        t.shdr.U8((wave->interfaceState[1] & kSfUnpitched) ? 255 : std::min<uint8_t>(wave->rootKey, 127));
+        t.shdr.U8(uint8_t(wave->fineTune));
+        t.shdr.U16(uint16_t(channels == 2 ? shdrIndex + (c == 0 ? 1 : -1) : 0));
+        t.shdr.U16(uint16_t((channels == 2 ? (c == 0 ? 4 : 2) : 1) | kTypeCompressedVorbis));
+        ++shdrIndex;
+        continue;
+      }
       const uint64_t start = smpl.Size() / 2;
       if (start + frames + kPadSamples > 0xFFFFFFFFull) return Fail("Wave too big - use 64-bit version!");
       for (uint32_t f = 0; f < frames; ++f) {
@@ -133,7 +190,7 @@ bool WriteBank(Item* item, FileObject* file, const SaveOptions* options, BankKin
           smpl.U16(uint16_t(int16_t(std::clamp(std::lround(value * 32768.0), -32768L, 32767L))));
         }
       }
-      smpl.Fill(0, kPadSamples * 2);
+      smpl.Fill(0, kPadSamples * 2);  // zero samples behind each sample, as players expect
       if (use24) sm24.Fill(0, kPadSamples);
       const uint32_t s = uint32_t(start), e = uint32_t(start + frames);
       const uint32_t loopStart = looped ? s + uint32_t(std::max(0.0f, loop.start)) : s;
@@ -297,8 +354,9 @@ bool WriteBank(Item* item, FileObject* file, const SaveOptions* options, BankKin
   const size_t info = riff.Open(FourCC("LIST"));
   riff.Body().Append("INFO");
   ByteWriter version;
-  version.U16(kind == BankKind::Sbk ? 1 : 2);
-  version.U16(kind == BankKind::Sbk ? 0 : (use24 ? 4 : 1));
+  // Compressed banks are version 3.0; plain ones 2.01, or 2.04 with 24-bit samples.
+  version.U16(kind == BankKind::Sbk ? 1 : kind == BankKind::Sf3 ? 3 : 2);
+  version.U16(kind == BankKind::Sf2 ? (use24 ? 4 : 1) : 0);
   riff.Chunk(FourCC("ifil"), version.Bytes().data(), version.Size());
   auto text = [&](uint32_t id, std::string value, size_t maxBytes) {
     value = Utf8ToNarrow(value).substr(0, maxBytes - 1);
@@ -350,9 +408,8 @@ bool WriteSf3(Item* item, FileObject* file, const SaveOptions* options) {
   return WriteBank(item, file, options, BankKind::Sf3);
 }
 
-double Sf3Settings(uint32_t index, uint32_t, std::string* labelOut) {
-  // Only the FLAC entry until the Vorbis quality list is available to this handler.
-  if (index != 0) return 0.0;
+double Sf3Settings(uint32_t index, uint32_t variant, std::string* labelOut) {
+  if (index != 0) return addons::VorbisSetting(index - 1, variant, labelOut);
   if (labelOut) *labelOut = "FLAC 16/24-bit";
   return 1.0;
 }
