@@ -143,6 +143,9 @@ bool WriteBank(Item* item, FileObject* file, const SaveOptions* options, BankKin
   Tables t;
   std::vector<WrittenSample> written(waves.size());
   uint32_t shdrIndex = 0;
+  uint64_t totalFrames = 0;
+  for (const Waveform* wave : waves) totalFrames += uint64_t(wave->length + kPadSamples) * std::max<uint32_t>(wave->channels, 1);
+  if (kind != BankKind::Sf3) smpl.Bytes().reserve(size_t(std::min<uint64_t>(totalFrames * 2, 1ull << 31)));
   for (size_t w = 0; w < waves.size(); ++w) {
     Waveform* wave = waves[w];
     const float* samples = wave->GetSamplesForRead();
@@ -187,7 +190,9 @@ bool WriteBank(Item* item, FileObject* file, const SaveOptions* options, BankKin
           smpl.U16(uint16_t(v >> 8));
           sm24.U8(uint8_t(v & 0xFF));
         } else {
-          smpl.U16(uint16_t(int16_t(std::clamp(std::lround(value * 32768.0), -32768L, 32767L))));
+          const double scaled = value * 32768.0;
+          const int32_t v = int32_t(scaled < 0 ? scaled - 0.5 : scaled + 0.5);  // half away from zero
+          smpl.U16(uint16_t(int16_t(std::clamp(v, -32768, 32767))));
         }
       }
       smpl.Fill(0, kPadSamples * 2);  // zero samples behind each sample, as players expect
