@@ -183,17 +183,25 @@ bool WriteBank(Item* item, FileObject* file, const SaveOptions* options, BankKin
       }
       const uint64_t start = smpl.Size() / 2;
       if (start + frames + kPadSamples > 0xFFFFFFFFull) return Fail("Wave too big - use 64-bit version!");
+      // Straight into the grown buffers: this loop sees every sample of the bank.
+      std::vector<uint8_t>& words = smpl.Bytes();
+      const size_t wordsAt = words.size();
+      words.resize(wordsAt + size_t(frames) * 2);
+      uint8_t* word = words.data() + wordsAt;
+      uint8_t* low = nullptr;
+      if (use24) {
+        sm24.Bytes().resize(sm24.Size() + frames);
+        low = sm24.Bytes().data() + sm24.Size() - frames;
+      }
+      const float scale = use24 ? 8388608.0f : 32768.0f;
+      const int32_t top = use24 ? 8388607 : 32767;
       for (uint32_t f = 0; f < frames; ++f) {
-        const double value = std::clamp(double(samples[size_t(f) * stride + c]), -1.0, 1.0);
-        if (use24) {
-          const int32_t v = int32_t(std::clamp(std::lround(value * 8388608.0), -8388608L, 8388607L));
-          smpl.U16(uint16_t(v >> 8));
-          sm24.U8(uint8_t(v & 0xFF));
-        } else {
-          const double scaled = value * 32768.0;
-          const int32_t v = int32_t(scaled < 0 ? scaled - 0.5 : scaled + 0.5);  // half away from zero
-          smpl.U16(uint16_t(int16_t(std::clamp(v, -32768, 32767))));
-        }
+        const float scaled = std::clamp(samples[size_t(f) * stride + c], -1.0f, 1.0f) * scale;
+        const int32_t v = std::min(int32_t(scaled < 0 ? scaled - 0.5f : scaled + 0.5f), top);  // half away from zero
+        const int32_t high = use24 ? v >> 8 : v;
+        word[2 * size_t(f)] = uint8_t(high);
+        word[2 * size_t(f) + 1] = uint8_t(high >> 8);
+        if (low) low[f] = uint8_t(v);
       }
       smpl.Fill(0, kPadSamples * 2);  // zero samples behind each sample, as players expect
       if (use24) sm24.Fill(0, kPadSamples);
