@@ -181,7 +181,7 @@ struct MiniBank {
   uint16_t sampleType = 1;
 };
 
-std::vector<uint8_t> BuildBank(const MiniBank& spec) {
+std::vector<uint8_t> BuildBank(const MiniBank& layout) {
   RiffWriter riff;
   riff.Begin(FourCC("RIFF"), FourCC("sfbk"));
   size_t list = riff.Open(FourCC("LIST"));
@@ -219,18 +219,18 @@ std::vector<uint8_t> BuildBank(const MiniBank& spec) {
   };
   ByteWriter phdr, pbag, pmod, pgen, inst, ibag, imod, igen, shdr;
   name(phdr, "Preset");
-  phdr.U16(0), phdr.U16(spec.bank), phdr.U16(0), phdr.Fill(0, 12);
+  phdr.U16(0), phdr.U16(layout.bank), phdr.U16(0), phdr.Fill(0, 12);
   name(phdr, "EOP");
-  phdr.U16(0), phdr.U16(0), phdr.U16(uint16_t(spec.presetZones.size())), phdr.Fill(0, 12);
-  zones(spec.presetZones, pbag, pmod, pgen);
+  phdr.U16(0), phdr.U16(0), phdr.U16(uint16_t(layout.presetZones.size())), phdr.Fill(0, 12);
+  zones(layout.presetZones, pbag, pmod, pgen);
   name(inst, "Inst");
   inst.U16(0);
   name(inst, "EOI");
-  inst.U16(uint16_t(spec.instrumentZones.size()));
-  zones(spec.instrumentZones, ibag, imod, igen);
+  inst.U16(uint16_t(layout.instrumentZones.size()));
+  zones(layout.instrumentZones, ibag, imod, igen);
   name(shdr, "Sine");
   shdr.U32(0), shdr.U32(1000), shdr.U32(100), shdr.U32(900), shdr.U32(44100);
-  shdr.U8(spec.pitch), shdr.U8(0), shdr.U16(0), shdr.U16(spec.sampleType);
+  shdr.U8(layout.pitch), shdr.U8(0), shdr.U16(0), shdr.U16(layout.sampleType);
   name(shdr, "EOS");
   shdr.Fill(0, 26);
   for (auto [id, w] : {std::pair{"phdr", &phdr}, {"pbag", &pbag}, {"pmod", &pmod}, {"pgen", &pgen}, {"inst", &inst},
