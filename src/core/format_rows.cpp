@@ -9,6 +9,7 @@
 #include "formats/audio/wav.h"
 #include "formats/common/generic_rows.h"
 #include "formats/instrument/sfz/sfz.h"
+#include "formats/instrument/soundfont/soundfont.h"
 #include "formats/song/midi.h"
 #include "formats/song/modules/modules.h"
 
@@ -388,7 +389,7 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /* 368 */ {"s3p", nullptr, nullptr, nullptr, "AKAI MESA II/PC S-series program", 0x91, 0x02100004, 0x0, nullptr},  // AKAI S-series program (PC editor): 16-bit mono samples
     /* 369 */ {"sam", ReadRawPcm, WriteRawPcm, DetectByExtensionOnly, "Signed 8-bit PCM", 0x01, 0x00300001, 0x1, nullptr},  // raw signed 8-bit PCM
     /* 370 */ {"sb", ReadRawPcm, WriteRawPcm, DetectByExtensionOnly, "Signed bytes (8-bit)", 0x01, 0x00300001, 0x1, nullptr},  // raw signed 8-bit PCM
-    /* 371 */ {"sbk", nullptr, nullptr, nullptr, "SoundFont v1", 0x91, 0x02100004, 0x0, nullptr},  // SoundFont 1: 16-bit mono samples, stereo as linked pairs
+    /* 371 */ {"sbk", ReadSoundFont, WriteSbk, DetectSbk, "SoundFont v1", 0x91, 0x02100004, 0x0, nullptr},  // SoundFont 1: 16-bit mono samples, stereo as linked pairs
     /* 372 */ {"sbi", nullptr, nullptr, nullptr, "Creative FM instrument", 0x02, 0x00000000, 0x0, nullptr},  // Creative FM instrument: one OPL voice, no samples
     /* 373 */ {"sd", nullptr, nullptr, nullptr, "Sound Designer I", 0x01, 0x00100004, 0x0, nullptr},  // Sound Designer I: 16-bit mono
     /* 374 */ {"sc2", nullptr, nullptr, nullptr, "Sample Cell II PC", 0x91, 0x00300004, 0x0, nullptr},  // SampleCell instrument: references 16-bit sound files
@@ -402,9 +403,9 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /* 382 */ {"seq", nullptr, nullptr, nullptr, "PlayStation music", 0x60, 0x00080000, 0x0, nullptr},  // PlayStation sequence: MIDI-like events
     /* 383 */ {"sdx", nullptr, nullptr, nullptr, "SDX compact MIDI SDS", 0x01, 0x0010001F, 0x0, nullptr},  // compact Sample Dump Standard: 8 to 28-bit mono
     /* 384 */ {"sf", nullptr, nullptr, nullptr, "IRCAM / MTU sound", 0x01, 0x003003E5, 0x0, nullptr},  // IRCAM/BICSF: 8/16/32-bit, float, double, mu/A-law
-    /* 385 */ {"sf2", nullptr, nullptr, nullptr, "SoundFont v2 bank", 0x91, 0x02100014, 0x0, nullptr},  // SoundFont 2: 16/24-bit mono samples, stereo as linked pairs
+    /* 385 */ {"sf2", ReadSoundFont, WriteSf2, DetectSf2, "SoundFont v2 bank", 0x91, 0x02100014, 0x0, nullptr},  // SoundFont 2: 16/24-bit mono samples, stereo as linked pairs
     /* 386 */ {"sf2pack", nullptr, nullptr, nullptr, "MIDI Converter Studio", 0x91, 0x02100014, 0x0, nullptr},  // SoundFont 2 with WavPack-packed sample chunk
-    /* 387 */ {"sf3", nullptr, nullptr, nullptr, "Compressed SoundFont", 0x91, 0x02120014, 0x3, nullptr},  // SoundFont 3: 16/24-bit or Vorbis/FLAC mono samples, stereo as pairs
+    /* 387 */ {"sf3", ReadSoundFont, WriteSf3, DetectSf3, "Compressed SoundFont", 0x91, 0x02120014, 0x3, Sf3Settings},  // SoundFont 3: 16/24-bit or Vorbis/FLAC mono samples, stereo as pairs
     /* 388 */ {"sfark", nullptr, nullptr, nullptr, "Melody Machine SF", 0x91, 0x02100014, 0x0, nullptr},  // sfArk: packed SoundFont 2
     /* 389 */ {"sfd", nullptr, nullptr, nullptr, "SoundStage data", 0x01, 0x00300005, 0x0, nullptr},  // SoundStage sound data
     /* 390 */ {"sfi", nullptr, nullptr, nullptr, "SoundStage info", 0x01, 0x00300005, 0x0, nullptr},  // SoundStage sound info
