@@ -9,6 +9,7 @@
 #include <cmath>
 #include <cstring>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "core/collection.h"
@@ -101,32 +102,23 @@ void FillRegions(Layer& layer) {
 
 }  // namespace
 
-void EnsureUniqueName(Item& item) {
-  Collection& collection = *item.collection;
-  for (;;) {
-    const std::string mine = ToUpperAscii(Utf8ToNarrow(item.GetName()));
-    bool clash = false;
-    // Only the items before this one count: of "Piano" and "piano" the second is renamed.
-    for (Item* other : collection.AllItems()) {
-      if (other == &item) break;
-      if (other->Type() != item.Type()) continue;
-      if (ToUpperAscii(Utf8ToNarrow(other->GetName())) == mine) {
-        clash = true;
-        break;
-      }
-    }
-    if (!clash) return;
+namespace {
+
+std::string NameKey(const Item& item) { return ToUpperAscii(Utf8ToNarrow(item.GetName())); }
+
+// Renames `item` until its name, case ignored, is not in `taken`: a trailing number counts up, unless
+// the name ends in a note such as C3 or F#4; otherwise " 1" is appended.
+void RenameUntilFree(Item& item, const std::unordered_set<std::string>& taken) {
+  while (taken.count(NameKey(item))) {
     std::string name = item.GetName();
     uint64_t number = 0;
     const size_t length = name.size();
-    // A trailing number counts up, unless the name ends in a note such as C3 or F#4.
     const bool endsInDigit = length > 0 && std::isdigit(uint8_t(name[length - 1]));
     const char beforeLast = length >= 2 ? char(std::toupper(uint8_t(name[length - 2]))) : '\0';
     if (endsInDigit && beforeLast != '#' && !(beforeLast >= 'A' && beforeLast <= 'G')) {
       size_t digitsFrom = length;
       while (digitsFrom > 0 && std::isdigit(uint8_t(name[digitsFrom - 1]))) --digitsFrom;
-      const std::string digits = name.substr(digitsFrom, std::min<size_t>(length - digitsFrom, 18));
-      number = std::stoull(digits);
+      number = std::stoull(name.substr(digitsFrom, std::min<size_t>(length - digitsFrom, 18)));
       name.resize(digitsFrom);
     } else {
       name += ' ';
@@ -135,6 +127,32 @@ void EnsureUniqueName(Item& item) {
   }
 }
 
+// One pass over a kind: each item is compared with the (final) names of the items before it.
+template <typename T>
+void EnsureUniqueNamesOf(Collection& collection) {
+  std::unordered_set<std::string> taken;
+  for (T* item : collection.All<T>()) {
+    RenameUntilFree(*item, taken);
+    taken.insert(NameKey(*item));
+  }
+}
+
+}  // namespace
+
+void EnsureUniqueName(Item& item) {
+  // Only the items before this one count: of "Piano" and "piano" the second is renamed.
+  std::unordered_set<std::string> taken;
+  for (Item* other : item.collection->AllItems()) {
+    if (other == &item) break;
+    if (other->Type() == item.Type()) taken.insert(NameKey(*other));
+  }
+  RenameUntilFree(item, taken);
+}
+
+void EnsureUniqueNames(Collection& collection) {
+  EnsureUniqueNamesOf<Instrument>(collection);
+  EnsureUniqueNamesOf<Waveform>(collection);
+}
 
 // ---------------------------------------------------------------------------------------------
 // Per-kind fix-ups
@@ -587,8 +605,7 @@ void FixUpItems(Collection& collection, uint8_t typeMask, bool afterLoad) {
   // 5. Normalisers after a load.
   if (afterLoad) {
     if (settings.loadEnsureUniqueNames) {
-      for (Instrument* instrument : collection.All<Instrument>()) EnsureUniqueName(*instrument);
-      for (Waveform* wave : collection.All<Waveform>()) EnsureUniqueName(*wave);
+      EnsureUniqueNames(collection);
     }
     if (settings.loadAutoMoveArticulation) MoveArticulationUp(collection, true, true, true, false);
     if (settings.loadAutoMoveTriggerParams)

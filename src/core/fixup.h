@@ -20,6 +20,8 @@ class Waveform;
 void FixUpItems(Collection& collection, uint8_t typeMask, bool afterLoad);
 // Makes the item's name unique among items of its type, case ignored ("piano" -> "piano 1").
 void EnsureUniqueName(Item& item);
+// The same for every instrument, then every waveform, in one pass each.
+void EnsureUniqueNames(Collection& collection);
 
 // The per-kind fix-ups behind each item's FixUp slot.
 void FixUpInstrument(Instrument& instrument);

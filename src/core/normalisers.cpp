@@ -2,7 +2,11 @@
 // a wave whose samples cannot be decoded is left as it was and reported through the last error.
 #include "core/normalisers.h"
 
+#include "core/pcm.h"
+
 #include <algorithm>
+#include <map>
+#include <unordered_set>
 #include <cmath>
 #include <cstddef>
 #include <vector>
@@ -24,12 +28,6 @@ bool StoreSamples(Waveform& wave, const std::vector<float>& samples) {
   if (!target) return false;
   std::copy(samples.begin(), samples.end(), target);
   return true;
-}
-
-bool Plays(const Collection& collection, const Waveform& wave) {
-  for (Region* region : collection.All<Region>())
-    if (std::find(region->children.begin(), region->children.end(), wave.id) != region->children.end()) return true;
-  return false;
 }
 
 }  // namespace
@@ -127,8 +125,50 @@ int SplitStereo(Collection& collection) {
   return split;
 }
 
+namespace {
+
+// One stereo wave for a left and a right mono wave. Both read by the generic decoder from the same file
+// in the same format: the stereo wave reads them as sequential stereo, decoding nothing now. Both already
+// decoded: the samples are interleaved now. Otherwise the pair stays dual mono (null).
+Waveform* JoinPair(Collection& collection, Waveform& left, Waveform& right) {
+  const bool lazy = !left.Data() && !right.Data() && HasGenericDecoder(left) && HasGenericDecoder(right) &&
+                    left.sourceFormat == right.sourceFormat && !(left.sourceFormat & kSourceSequentialStereo) &&
+                    left.GetSourcePath() == right.GetSourcePath();
+  if (!lazy && !(left.Data() && right.Data())) return nullptr;
+  auto* stereo = new Waveform(&collection, left, false, "");
+  std::string name = left.GetName();
+  // "Flute L" and "Flute R" make "Flute".
+  if (name.size() > 2 && name[name.size() - 2] == ' ' && (name.back() == 'L' || name.back() == 'l')) name.resize(name.size() - 2);
+  stereo->SetName(name);
+  stereo->channels = 2;
+  if (lazy) {
+    stereo->sourceFormat |= kSourceSequentialStereo;
+    stereo->sourceOffsetB = right.sourceOffset;
+    return stereo;
+  }
+  stereo->DropData();
+  stereo->decoder = nullptr;
+  float* target = stereo->AllocSamples();
+  if (!target) {
+    delete stereo;
+    return nullptr;
+  }
+  const float* l = left.Data()->samples;
+  const float* r = right.Data()->samples;
+  for (uint32_t i = 0; i < left.length; ++i) {
+    target[2 * size_t(i)] = l[i];
+    target[2 * size_t(i) + 1] = r[i];
+  }
+  return stereo;
+}
+
+}  // namespace
+
 int MergeDualMono(Collection& collection) {
   int merged = 0;
+  // A bank plays one sample pair from many regions: each pair becomes one stereo wave, once.
+  std::map<std::pair<uint32_t, uint32_t>, Waveform*> joined;
+  std::vector<Waveform*> replaced;
   for (Instrument* instrument : collection.All<Instrument>().ToVector()) {
     std::vector<Region*> regions;
     for (Layer* layer : ChildrenOf<Layer>(*instrument))
@@ -140,42 +180,34 @@ int MergeDualMono(Collection& collection) {
       for (Region*& right : regions) {
         if (!right || right == left || right->GetParam(kParamPan) != 1.0f) continue;
         Waveform* rightWave = right->GetWave();
-        if (!rightWave || rightWave->channels != 1 || rightWave->length != leftWave->length ||
-            rightWave->sampleRate != leftWave->sampleRate)
+        if (!rightWave || rightWave == leftWave || rightWave->channels != 1 ||
+            rightWave->length != leftWave->length || rightWave->sampleRate != leftWave->sampleRate)
           continue;
         if (left->range.loKey != right->range.loKey || left->range.hiKey != right->range.hiKey ||
             left->range.loVelocity != right->range.loVelocity || left->range.hiVelocity != right->range.hiVelocity)
           continue;
-        const float* l = leftWave->GetSamplesForRead();
-        const float* r = rightWave->GetSamplesForRead();
-        if (!l || !r) continue;
-        auto* stereo = new Waveform(&collection, *leftWave, false, "");
-        std::string name = leftWave->GetName();
-        // "Flute L" and "Flute R" make "Flute".
-        if (name.size() > 2 && name[name.size() - 2] == ' ' && (name.back() == 'L' || name.back() == 'l')) name.resize(name.size() - 2);
-        stereo->SetName(name);
-        stereo->channels = 2;
-        stereo->decoder = nullptr;
-        float* target = stereo->AllocSamples();
-        if (!target) {
-          delete stereo;
-          continue;
-        }
-        for (uint32_t i = 0; i < leftWave->length; ++i) {
-          target[2 * size_t(i)] = l[i];
-          target[2 * size_t(i) + 1] = r[i];
-        }
+        Waveform*& stereo = joined[{leftWave->id, rightWave->id}];
+        if (!stereo) stereo = JoinPair(collection, *leftWave, *rightWave);
+        if (!stereo) continue;
         std::replace(left->children.begin(), left->children.end(), leftWave->id, stereo->id);
         left->SetParam(kParamPan, 0.0f);
         delete right;
         right = nullptr;
-        if (!Plays(collection, *leftWave)) delete leftWave;
-        if (rightWave != leftWave && !Plays(collection, *rightWave)) delete rightWave;
+        replaced.push_back(leftWave);
+        replaced.push_back(rightWave);
         ++merged;
         break;
       }
     }
   }
+  // Mono waves no region plays any more go, each once.
+  std::sort(replaced.begin(), replaced.end());
+  replaced.erase(std::unique(replaced.begin(), replaced.end()), replaced.end());
+  std::unordered_set<uint32_t> played;
+  for (Region* region : collection.All<Region>())
+    if (Waveform* wave = region->GetWave()) played.insert(wave->id);
+  for (Waveform* wave : replaced)
+    if (!played.count(wave->id)) delete wave;
   return merged;
 }
 

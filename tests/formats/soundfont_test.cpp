@@ -3,6 +3,8 @@
 // readers get wrong, and banks we write render through FluidSynth like the originals.
 #include <gtest/gtest.h>
 
+#include <set>
+
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -10,6 +12,7 @@
 #include <sstream>
 
 #include "core/collection.h"
+#include "core/settings.h"
 #include "core/file_object.h"
 #include "core/last_error.h"
 #include "core/pipeline.h"
@@ -120,8 +123,13 @@ TEST(SoundFontCorpus, SamplesDecodeToTheWordsInTheFile) {
   ASSERT_TRUE(file.Open(path, FileMode::Read));
   SoundFontFile tables;
   ASSERT_TRUE(ReadSoundFontTables(file, tables));
+  // The reader's own waves: joining stereo pairs after the load is looked at below.
+  const bool mergeStereo = GetSettings().loadAutoMergeStereo;
+  GetSettings().loadAutoMergeStereo = false;
   Collection collection;
-  ASSERT_TRUE(LoadFile(collection, path, false)) << LastError();
+  const bool loaded = LoadFile(collection, path, false);
+  GetSettings().loadAutoMergeStereo = mergeStereo;
+  ASSERT_TRUE(loaded) << LastError();
   // Waves keep shdr order; check the first, a middle and the last sample word for word.
   std::vector<Waveform*> waves = collection.All<Waveform>().ToVector();
   ASSERT_FALSE(waves.empty());
@@ -142,6 +150,41 @@ TEST(SoundFontCorpus, SamplesDecodeToTheWordsInTheFile) {
       EXPECT_EQ(wave->loop.end, float(header->endLoop - header->start));
     }
     EXPECT_EQ(wave->sampleRate, header->rate);
+  }
+}
+
+TEST(SoundFontCorpus, StereoPairsJoinLazilyOncePerPair) {
+  ORLIN_REQUIRE_TESTDATA();
+  const std::string path = (test::TestDataDir() / "soundfont/TimGM6mb.sf2").string();
+  FileObject file;
+  ASSERT_TRUE(file.Open(path, FileMode::Read));
+  SoundFontFile tables;
+  ASSERT_TRUE(ReadSoundFontTables(file, tables));
+  Collection collection;
+  ASSERT_TRUE(LoadFile(collection, path, false)) << LastError();
+  int stereo = 0;
+  std::set<std::string> names;
+  for (Waveform* wave : collection.All<Waveform>()) {
+    EXPECT_EQ(wave->Data(), nullptr) << "opening decodes nothing, joined pairs included";
+    if (wave->channels != 2) continue;
+    ++stereo;
+    EXPECT_TRUE(names.insert(wave->GetName()).second) << "one stereo wave a pair: " << wave->GetName();
+  }
+  ASSERT_GT(stereo, 0);
+  // A joined wave decodes its left and right sample from their places in the file.
+  Waveform* joined = nullptr;
+  for (Waveform* wave : collection.All<Waveform>())
+    if (wave->channels == 2) joined = wave;
+  const float* samples = joined->GetSamplesForRead();
+  ASSERT_NE(samples, nullptr) << LastError();
+  const uint64_t dataStart = tables.sampleDataOffset;
+  std::vector<int16_t> left(joined->length), right(joined->length);
+  ASSERT_TRUE(file.ReadAt(joined->sourceOffset, left.data(), left.size() * 2));
+  ASSERT_TRUE(file.ReadAt(joined->sourceOffsetB, right.data(), right.size() * 2));
+  EXPECT_GE(joined->sourceOffset, dataStart);
+  for (size_t i = 0; i < left.size(); ++i) {
+    ASSERT_EQ(std::lround(samples[2 * i] * 32768.0f), left[i]) << i;
+    ASSERT_EQ(std::lround(samples[2 * i + 1] * 32768.0f), right[i]) << i;
   }
 }
 
