@@ -98,6 +98,15 @@ void ConvertBlock(DecodeState& state, const uint8_t* bytes, size_t count, float*
     case kStoragePcm16:
     case kStorageDelta16: {
       const uint16_t flip = state.isUnsigned ? 0x8000 : 0;
+      if (state.storage == kStoragePcm16 && !be && stride == 1) {
+        // The common case, kept free of per-sample branches so that it vectorises.
+        for (size_t i = 0; i < count; ++i) {
+          uint16_t raw;
+          std::memcpy(&raw, bytes + i * 2, 2);
+          out[i] = float(int16_t(raw ^ flip)) * (1.0f / 32768.0f);
+        }
+        break;
+      }
       for (size_t i = 0; i < count; ++i) {
         const uint8_t* p = bytes + i * 2;
         const uint16_t raw = be ? uint16_t(p[0] << 8 | p[1]) : uint16_t(p[1] << 8 | p[0]);

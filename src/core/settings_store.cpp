@@ -226,7 +226,10 @@ bool ParseArray(const std::string& text, std::array<T, N>& out) {
 template <typename T, size_t N>
 std::string FormatArray(const std::array<T, N>& values) {
   std::string out;
-  for (size_t i = 0; i < N; ++i) out += (i ? " " : "") + std::to_string(values[i]);
+  for (size_t i = 0; i < N; ++i) {
+    if (i) out += ' ';
+    out += std::to_string(values[i]);
+  }
   return out;
 }
 
