@@ -56,7 +56,7 @@ bool AdtsHeaderAt(const std::vector<uint8_t>& bytes, size_t at, size_t& frameByt
   return true;
 }
 
-class AdtsStream : public AudioStream {
+class AdtsStream : public PacketStream {
  public:
   explicit AdtsStream(std::vector<uint8_t> bytes) : bytes_(std::move(bytes)) {}
   ~AdtsStream() override {
@@ -100,26 +100,10 @@ class AdtsStream : public AudioStream {
     return true;
   }
 
-  int64_t Read(float* out, uint32_t wanted) override {
-    uint32_t done = 0;
-    while (done < wanted) {
-      if (pendingAt_ < pending_.size()) {
-        const size_t take = std::min<size_t>((pending_.size() - pendingAt_) / channels, wanted - done);
-        std::copy_n(pending_.begin() + ptrdiff_t(pendingAt_), take * channels, out + size_t(done) * channels);
-        pendingAt_ += take * channels;
-        done += uint32_t(take);
-        continue;
-      }
-      if (!DecodeFrame()) break;
-    }
-    return done;
-  }
-
   bool Seek(uint64_t frame) override {
     // ADTS frames decode on their own: start again and skip the frames before the target.
     at_ = start_;
-    pending_.clear();
-    pendingAt_ = 0;
+    DropPending();
     std::vector<float> skip(size_t(4096) * channels);
     while (frame > 0) {
       const int64_t got = Read(skip.data(), uint32_t(std::min<uint64_t>(frame, 4096)));
@@ -130,9 +114,8 @@ class AdtsStream : public AudioStream {
   }
 
  private:
-  bool DecodeFrame() {
-    pending_.clear();
-    pendingAt_ = 0;
+  bool DecodePacket() override {
+    DropPending();
     while (at_ < bytes_.size()) {
       NeAACDecFrameInfo info{};
       auto* samples = static_cast<float*>(
@@ -147,10 +130,10 @@ class AdtsStream : public AudioStream {
       at_ += info.bytesconsumed;
       if (!samples || info.samples == 0 || info.channels == 0) continue;
       const size_t count = info.samples / info.channels;
-      pending_.resize(count * channels);
+      pending.resize(count * channels);
       for (size_t i = 0; i < count; ++i)
         for (uint32_t c = 0; c < channels; ++c)
-          pending_[i * channels + c] = samples[i * info.channels + std::min<uint32_t>(c, info.channels - 1u)];
+          pending[i * channels + c] = samples[i * info.channels + std::min<uint32_t>(c, info.channels - 1u)];
       return true;
     }
     return false;
@@ -160,8 +143,6 @@ class AdtsStream : public AudioStream {
   size_t start_ = 0;
   size_t at_ = 0;
   NeAACDecHandle decoder_ = nullptr;
-  std::vector<float> pending_;
-  size_t pendingAt_ = 0;
 };
 
 }  // namespace
@@ -176,17 +157,8 @@ std::unique_ptr<AudioStream> OpenAdtsMemoryStream(std::vector<uint8_t> bytes) {
 }
 
 std::unique_ptr<AudioStream> OpenAdtsStream(FileObject& file) {
-  const int64_t size = file.Size();
-  const uint64_t at = file.Tell();
-  if (size <= 0 || uint64_t(size) <= at) {
-    SetLastError("Zero length");
-    return nullptr;
-  }
-  std::vector<uint8_t> bytes(size_t(uint64_t(size) - at));
-  if (file.Read(bytes.data(), bytes.size()) != bytes.size()) {
-    SetLastError("Reading from file failed");
-    return nullptr;
-  }
+  std::vector<uint8_t> bytes;
+  if (!ReadRestOfFile(file, bytes)) return nullptr;
   return OpenAdtsMemoryStream(std::move(bytes));
 }
 

@@ -1,10 +1,12 @@
-// Tags and pictures shared by the codec glue layers, and the whole-stream read used by decoders.
+// What the codec glue layers share: tags and pictures, file callbacks, whole-stream and packet reads.
 #include "formats/audio/addons/audio_stream.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 
 #include "core/collection.h"
+#include "core/last_error.h"
 
 namespace orlin::addons {
 
@@ -157,6 +159,44 @@ bool ReadAllFrames(AudioStream& stream, std::vector<float>& out, uint64_t limit)
     done += uint64_t(got);
   }
   return true;
+}
+
+int64_t FileSource::Seek(int64_t offset, int whence) {
+  int64_t target = offset;
+  if (whence == SEEK_CUR) target += Tell();
+  else if (whence == SEEK_END) target += file->Size() - int64_t(base);
+  if (target < 0 || !file->Seek(base + uint64_t(target))) return -1;
+  return target;
+}
+
+bool ReadRestOfFile(FileObject& file, std::vector<uint8_t>& out) {
+  const int64_t size = file.Size();
+  const uint64_t at = file.Tell();
+  if (size <= 0 || uint64_t(size) <= at) {
+    SetLastError("Zero length");
+    return false;
+  }
+  out.resize(size_t(uint64_t(size) - at));
+  if (file.Read(out.data(), out.size()) != out.size()) {
+    SetLastError("Reading from file failed");
+    return false;
+  }
+  return true;
+}
+
+int64_t PacketStream::Read(float* out, uint32_t wanted) {
+  uint32_t done = 0;
+  while (done < wanted) {
+    if (pendingAt < pending.size()) {
+      const size_t take = std::min<size_t>((pending.size() - pendingAt) / channels, wanted - done);
+      std::copy_n(pending.begin() + ptrdiff_t(pendingAt), take * channels, out + size_t(done) * channels);
+      pendingAt += take * channels;
+      done += uint32_t(take);
+      continue;
+    }
+    if (!DecodePacket()) break;
+  }
+  return done;
 }
 
 }  // namespace orlin::addons

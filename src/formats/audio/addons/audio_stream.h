@@ -1,6 +1,7 @@
 // What every codec glue layer gives: a decoding stream of float frames with its tags, and the
 // tags an encoder writes. Streams read through a FileObject, so they work at any source offset.
 #pragma once
+#include "core/file_object.h"
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -56,6 +57,36 @@ struct EncodeInput {
   uint32_t channels = 1;
   uint32_t rate = 44100;
   AudioTags tags;
+};
+
+// A file seen from a position onward, as the codec libraries' read/seek/tell callbacks want it:
+// offsets are relative to `base`. Seek takes SEEK_SET, SEEK_CUR or SEEK_END; false when it fails.
+struct FileSource {
+  FileObject* file;
+  uint64_t base;
+  size_t Read(void* buffer, size_t bytes) { return bytes ? file->Read(buffer, bytes) : 0; }
+  // The new position relative to `base`, or -1.
+  int64_t Seek(int64_t offset, int whence);
+  int64_t Tell() const { return int64_t(file->Tell() - base); }
+};
+
+// The rest of `file` from its position into memory; false with the last-error text.
+bool ReadRestOfFile(FileObject& file, std::vector<uint8_t>& out);
+
+// A stream whose decoder gives whole packets of frames: Read hands them out in the sizes asked for.
+class PacketStream : public AudioStream {
+ public:
+  int64_t Read(float* out, uint32_t frames) override;
+
+ protected:
+  // Decodes the next packet into `pending`; false at the end.
+  virtual bool DecodePacket() = 0;
+  void DropPending() {
+    pending.clear();
+    pendingAt = 0;
+  }
+  std::vector<float> pending;  // interleaved frames not yet handed out
+  size_t pendingAt = 0;
 };
 
 }  // namespace orlin::addons

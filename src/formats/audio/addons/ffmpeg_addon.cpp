@@ -141,11 +141,6 @@ bool Bind() {
 
 constexpr int kIoBufferBytes = 65536;
 
-struct FileSource {
-  FileObject* file;
-  uint64_t base;
-};
-
 int IoRead(void* data, uint8_t* buffer, int bytes) {
   auto* source = static_cast<FileSource*>(data);
   const size_t got = bytes > 0 ? source->file->Read(buffer, size_t(bytes)) : 0;
@@ -157,13 +152,11 @@ int IoWrite(void* data, uint8_t* buffer, int bytes) {
 }
 int64_t IoSeek(void* data, int64_t offset, int whence) {
   auto* source = static_cast<FileSource*>(data);
-  const int64_t size = source->file->Size();
-  if (whence & AVSEEK_SIZE) return size < 0 ? -1 : size - int64_t(source->base);
-  int64_t target = offset;
-  if ((whence & 3) == SEEK_CUR) target += int64_t(source->file->Tell() - source->base);
-  else if ((whence & 3) == SEEK_END) target += size - int64_t(source->base);
-  if (target < 0 || !source->file->Seek(source->base + uint64_t(target))) return -1;
-  return target;
+  if (whence & AVSEEK_SIZE) {
+    const int64_t size = source->file->Size();
+    return size < 0 ? -1 : size - int64_t(source->base);
+  }
+  return source->Seek(offset, whence & 3);
 }
 
 // One plane or interleaved buffer of any sample format into interleaved floats.
@@ -203,7 +196,7 @@ std::string DictText(AVDictionary* dictionary, const char* key) {
   return entry && entry->value ? entry->value : "";
 }
 
-class FfmpegStream : public AudioStream {
+class FfmpegStream : public PacketStream {
  public:
   explicit FfmpegStream(FileObject& file) : source_{&file, file.Tell()} {}
   ~FfmpegStream() override {
@@ -254,27 +247,11 @@ class FfmpegStream : public AudioStream {
     return frame_ && packet_;
   }
 
-  int64_t Read(float* out, uint32_t wanted) override {
-    uint32_t done = 0;
-    while (done < wanted) {
-      if (pendingAt_ < pending_.size()) {
-        const size_t take = std::min<size_t>((pending_.size() - pendingAt_) / channels, wanted - done);
-        std::copy_n(pending_.begin() + ptrdiff_t(pendingAt_), take * channels, out + size_t(done) * channels);
-        pendingAt_ += take * channels;
-        done += uint32_t(take);
-        continue;
-      }
-      if (!Decode()) break;
-    }
-    return done;
-  }
-
   bool Seek(uint64_t frame) override {
     // Containers seek to a packet before the target; the frames up to it are decoded and dropped.
     if (format.seekFrame(container_, -1, 0, AVSEEK_FLAG_BACKWARD) < 0) return false;
     codec.flushBuffers(decoder_);
-    pending_.clear();
-    pendingAt_ = 0;
+    DropPending();
     ended_ = draining_ = false;
     std::vector<float> skip(size_t(4096) * channels);
     while (frame > 0) {
@@ -286,15 +263,14 @@ class FfmpegStream : public AudioStream {
   }
 
  private:
-  // Decodes the next frame into `pending_`; false at the end.
-  bool Decode() {
-    pending_.clear();
-    pendingAt_ = 0;
+  // Decodes the next frame into `pending`; false at the end.
+  bool DecodePacket() override {
+    DropPending();
     while (!ended_) {
       const int received = codec.receiveFrame(decoder_, frame_);
       if (received == 0) {
-        pending_.resize(size_t(frame_->nb_samples) * channels);
-        ConvertFrame(frame_, channels, pending_.data());
+        pending.resize(size_t(frame_->nb_samples) * channels);
+        ConvertFrame(frame_, channels, pending.data());
         return true;
       }
       if (received == AVERROR_EOF) {
@@ -342,8 +318,6 @@ class FfmpegStream : public AudioStream {
   AVFrame* frame_ = nullptr;
   AVPacket* packet_ = nullptr;
   int streamIndex_ = -1;
-  std::vector<float> pending_;
-  size_t pendingAt_ = 0;
   bool ended_ = false;
   bool draining_ = false;
 };

@@ -247,17 +247,8 @@ std::unique_ptr<AudioStream> OpenMpegMemoryStream(std::vector<uint8_t> bytes) {
 }
 
 std::unique_ptr<AudioStream> OpenMpegStream(FileObject& file) {
-  const int64_t size = file.Size();
-  const uint64_t at = file.Tell();
-  if (size <= 0 || uint64_t(size) <= at) {
-    SetLastError("Zero length");
-    return nullptr;
-  }
-  std::vector<uint8_t> bytes(size_t(uint64_t(size) - at));
-  if (file.Read(bytes.data(), bytes.size()) != bytes.size()) {
-    SetLastError("Reading from file failed");
-    return nullptr;
-  }
+  std::vector<uint8_t> bytes;
+  if (!ReadRestOfFile(file, bytes)) return nullptr;
   return OpenMpegMemoryStream(std::move(bytes));
 }
 

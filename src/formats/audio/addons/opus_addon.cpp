@@ -62,27 +62,13 @@ const AddonSymbol kEncSymbols[] = {
 AddonLibrary opusFileLibrary("opusfile", {"libopusfile.so.0", "libopusfile.so"});
 AddonLibrary opusEncLibrary("opusenc", {"libopusenc.so.0", "libopusenc.so"});
 
-struct FileSource {
-  FileObject* file;
-  uint64_t base;
-};
-
 int ReadCallback(void* data, unsigned char* buffer, int bytes) {
-  auto* source = static_cast<FileSource*>(data);
-  return bytes <= 0 ? 0 : int(source->file->Read(buffer, size_t(bytes)));
+  return bytes <= 0 ? 0 : int(static_cast<FileSource*>(data)->Read(buffer, size_t(bytes)));
 }
 int SeekCallback(void* data, opus_int64 offset, int whence) {
-  auto* source = static_cast<FileSource*>(data);
-  int64_t target = offset;
-  if (whence == SEEK_CUR) target += int64_t(source->file->Tell() - source->base);
-  else if (whence == SEEK_END) target += source->file->Size() - int64_t(source->base);
-  if (target < 0) return -1;
-  return source->file->Seek(source->base + uint64_t(target)) ? 0 : -1;
+  return static_cast<FileSource*>(data)->Seek(offset, whence) < 0 ? -1 : 0;
 }
-opus_int64 TellCallback(void* data) {
-  auto* source = static_cast<FileSource*>(data);
-  return opus_int64(source->file->Tell() - source->base);
-}
+opus_int64 TellCallback(void* data) { return static_cast<FileSource*>(data)->Tell(); }
 
 class OpusStream : public AudioStream {
  public:

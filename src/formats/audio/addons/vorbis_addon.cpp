@@ -96,28 +96,13 @@ AddonLibrary vorbisLibrary("vorbis", {"libvorbis.so.0", "libvorbis.so"});
 AddonLibrary vorbisEncLibrary("vorbisenc", {"libvorbisenc.so.2", "libvorbisenc.so"});
 AddonLibrary oggLibrary("ogg", {"libogg.so.0", "libogg.so"});
 
-struct FileSource {
-  FileObject* file;
-  uint64_t base;
-};
-
 size_t ReadCallback(void* buffer, size_t size, size_t count, void* data) {
-  auto* source = static_cast<FileSource*>(data);
-  if (size == 0) return 0;
-  return source->file->Read(buffer, size * count) / size;
+  return size == 0 ? 0 : static_cast<FileSource*>(data)->Read(buffer, size * count) / size;
 }
 int SeekCallback(void* data, ogg_int64_t offset, int whence) {
-  auto* source = static_cast<FileSource*>(data);
-  int64_t target = offset;
-  if (whence == SEEK_CUR) target += int64_t(source->file->Tell() - source->base);
-  else if (whence == SEEK_END) target += source->file->Size() - int64_t(source->base);
-  if (target < 0) return -1;
-  return source->file->Seek(source->base + uint64_t(target)) ? 0 : -1;
+  return static_cast<FileSource*>(data)->Seek(offset, whence) < 0 ? -1 : 0;
 }
-long TellCallback(void* data) {
-  auto* source = static_cast<FileSource*>(data);
-  return long(source->file->Tell() - source->base);
-}
+long TellCallback(void* data) { return long(static_cast<FileSource*>(data)->Tell()); }
 
 class VorbisStream : public AudioStream {
  public:
