@@ -444,4 +444,64 @@ std::vector<MergedLfo> MergeLfos(const Articulation& art, int count, uint32_t fi
   return slots;
 }
 
+namespace {
+
+// Depth rows of the modulation envelopes: P-ENV to pitch, F-ENV to cutoff (base, velocity); X-ENV to pan.
+constexpr ParamId kPitchEnvelopeDepth[2] = {11, 12};
+constexpr ParamId kFilterEnvelopeDepth[2] = {33, 34};
+constexpr ParamId kXEnvelopeToPan = 55;
+constexpr int kPitchEnvelope = 1, kFilterEnvelope = 2, kXEnvelope = 3;
+
+float EnvelopeDepthStrength(const float* values, const ParamId rows[2]) {
+  return std::max(std::fabs(values[rows[0]]), std::fabs(values[rows[0]] + values[rows[1]]));
+}
+
+// What two envelopes must share to join one slot: summed attack, decay and release times to 0.1 s,
+// and the sustain to 0.01.
+std::array<int, 4> EnvelopeTiming(const Articulation& art, int index) {
+  const EnvelopeRecord e = art.GetEnvelope(index);
+  auto tenths = [](float seconds) { return int(std::floor(seconds * 10.0f + 0.5f)); };
+  return {tenths(e.times[0] + e.times[1]), tenths(e.times[2] + e.times[3]), tenths(e.times[4] + e.times[5] + e.times[6]),
+          int(std::floor(e.levels[4] * 100.0f + 0.5f))};
+}
+
+}  // namespace
+
+std::vector<MergedEnvelope> MergeEnvelopes(const Articulation& art, int count, uint32_t firstMask,
+                                           uint32_t secondMask) {
+  std::vector<MergedEnvelope> slots(size_t(std::max(count, 0)));
+  std::vector<float> work(art.Values(), art.Values() + kArticulationParamCount);
+  for (MergedEnvelope& slot : slots) {
+    const uint32_t reach = &slot == &slots[0] ? firstMask : secondMask;
+    std::array<float, 4> strength{};
+    if (reach & kReachPitchEnvelope) strength[kPitchEnvelope] = EnvelopeDepthStrength(work.data(), kPitchEnvelopeDepth);
+    if (reach & kReachFilterEnvelope) strength[kFilterEnvelope] = EnvelopeDepthStrength(work.data(), kFilterEnvelopeDepth);
+    if (reach & kReachPanByXEnvelope) strength[kXEnvelope] = std::fabs(work[kXEnvelopeToPan]) * kPanStrengthScale;
+    // A tie goes to the F-ENV, then the X-ENV and the P-ENV, as it does among the LFOs.
+    int strongest = -1;
+    for (int envelope : {kFilterEnvelope, kXEnvelope, kPitchEnvelope})
+      if (strength[envelope] > 0.0f && (strongest < 0 || strength[envelope] > strength[strongest])) strongest = envelope;
+    if (strongest < 0) break;  // nothing left: this and the later slots stay empty
+    slot.envelope = art.GetEnvelope(strongest);
+    slot.empty = false;
+    const std::array<int, 4> key = EnvelopeTiming(art, strongest);
+    for (int envelope : {kPitchEnvelope, kFilterEnvelope, kXEnvelope}) {
+      if (strength[envelope] <= 0.0f || EnvelopeTiming(art, envelope) != key) continue;
+      auto take = [&](std::array<float, 2>& into, const ParamId rows[2]) {
+        for (int i = 0; i < 2; ++i) {
+          into[i] += work[rows[i]];
+          work[rows[i]] = 0.0f;
+        }
+      };
+      if (envelope == kPitchEnvelope) take(slot.toPitch, kPitchEnvelopeDepth);
+      if (envelope == kFilterEnvelope) take(slot.toCutoff, kFilterEnvelopeDepth);
+      if (envelope == kXEnvelope) {
+        slot.toPan += work[kXEnvelopeToPan];
+        work[kXEnvelopeToPan] = 0.0f;
+      }
+    }
+  }
+  return slots;
+}
+
 }  // namespace orlin

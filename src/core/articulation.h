@@ -194,4 +194,20 @@ enum LfoReach : uint32_t {
 // `secondMask`. LFOs of the same shape, rate (0.1 Hz) and start time share a slot.
 std::vector<MergedLfo> MergeLfos(const Articulation& art, int count, uint32_t firstMask, uint32_t secondMask);
 
+// One envelope slot of a format with fewer envelopes than four, from MergeEnvelopes: the envelope it
+// takes, and the depths (base, velocity) of every envelope that joined.
+struct MergedEnvelope {
+  EnvelopeRecord envelope;
+  std::array<float, 2> toPitch{};
+  std::array<float, 2> toCutoff{};
+  float toPan = 0.0f;
+  bool empty = true;
+};
+// Destinations a format's modulation envelope can reach.
+enum EnvelopeReach : uint32_t { kReachPitchEnvelope = 1, kReachFilterEnvelope = 2, kReachPanByXEnvelope = 4 };
+// Folds the P-, F- and X-ENV of `art` into `count` slots, as MergeLfos does for LFOs: envelopes whose
+// attack, decay and release times (0.1 s) and sustain (0.01) agree share a slot.
+std::vector<MergedEnvelope> MergeEnvelopes(const Articulation& art, int count, uint32_t firstMask,
+                                           uint32_t secondMask);
+
 }  // namespace orlin

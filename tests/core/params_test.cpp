@@ -308,3 +308,48 @@ TEST(ParamMerge, LfosFoldIntoFewerSlots) {
 
 }  // namespace
 }  // namespace orlin
+
+namespace orlin {
+namespace {
+
+TEST(MergeEnvelopes, SharedTimingJoinsOneSlotAndTheStrongestLeads) {
+  Articulation art;
+  EnvelopeRecord slow = art.GetEnvelope(1);
+  slow.times[0] = 0.5f;  // attack 1
+  slow.times[2] = 1.0f;  // decay 1
+  slow.levels[4] = 0.5f;  // sustain
+  art.SetEnvelope(1, slow);  // P-ENV
+  art.SetEnvelope(2, slow);  // F-ENV, the same shape
+  art.Set(11, 12.0f);        // P-ENV to pitch
+  art.Set(33, 24.0f);        // F-ENV to cutoff
+  std::vector<MergedEnvelope> slots = MergeEnvelopes(art, 2, kReachPitchEnvelope | kReachFilterEnvelope,
+                                                     kReachPitchEnvelope | kReachFilterEnvelope);
+  ASSERT_EQ(slots.size(), 2u);
+  EXPECT_FALSE(slots[0].empty);
+  EXPECT_FLOAT_EQ(slots[0].toPitch[0], 12.0f);
+  EXPECT_FLOAT_EQ(slots[0].toCutoff[0], 24.0f);
+  EXPECT_TRUE(slots[1].empty) << "everything joined the first slot";
+
+  // A filter envelope 0.2 s slower in its attack no longer joins: it leads the first slot (stronger),
+  // the pitch envelope takes the second, and with one slot only the pitch depth is lost.
+  EnvelopeRecord slower = slow;
+  slower.times[0] = 0.7f;
+  art.SetEnvelope(2, slower);
+  slots = MergeEnvelopes(art, 2, kReachPitchEnvelope | kReachFilterEnvelope, kReachPitchEnvelope);
+  EXPECT_FLOAT_EQ(slots[0].envelope.times[0], 0.7f);
+  EXPECT_FLOAT_EQ(slots[0].toCutoff[0], 24.0f);
+  EXPECT_FLOAT_EQ(slots[0].toPitch[0], 0.0f);
+  EXPECT_FLOAT_EQ(slots[1].toPitch[0], 12.0f);
+  EXPECT_FLOAT_EQ(slots[1].envelope.times[0], 0.5f);
+  slots = MergeEnvelopes(art, 1, kReachPitchEnvelope | kReachFilterEnvelope, 0);
+  ASSERT_EQ(slots.size(), 1u);
+  EXPECT_FLOAT_EQ(slots[0].toPitch[0], 0.0f);
+  // Times within a twentieth of a second round to the same tenth and still join.
+  slower.times[0] = 0.52f;
+  art.SetEnvelope(2, slower);
+  slots = MergeEnvelopes(art, 1, kReachPitchEnvelope | kReachFilterEnvelope, 0);
+  EXPECT_FLOAT_EQ(slots[0].toPitch[0], 12.0f);
+}
+
+}  // namespace
+}  // namespace orlin
