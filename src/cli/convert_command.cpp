@@ -166,7 +166,10 @@ int RunConvert(const ConvertRequest& request, std::ostream& out, std::ostream& e
     const std::string fileName = fs::path(input).stem().string() + "." + entry->extension;
     if (request.output.empty()) {
       path = (fs::path(input).parent_path() / fileName).string();
-    } else if (severalInputs || fs::is_directory(request.output)) {
+    } else if (severalInputs || fs::is_directory(request.output) || request.output.back() == '/') {
+      // A folder: made when it does not exist yet.
+      std::error_code error;
+      fs::create_directories(request.output, error);
       path = (fs::path(request.output) / fileName).string();
     } else {
       bool resetChoices = false;
