@@ -353,8 +353,9 @@ bool WriteSfz(Item* item, FileObject* file, const SaveOptions* options) {
   const bool v2 = variant & kSfzVariantVersion2;
   const bool subFolder = variant & kSfzVariantSubFolder;
   WaveTarget target;
-  // Compressed waves when the caller asked for the compressed setting and a writer is present.
-  if (options->caps & kCapsCompressed) {
+  // Compressed waves only when the user chose a compressed setting (the storage choice is then that bit
+  // alone) and a writer is present; "Auto" keeps waves lossless.
+  if ((options->caps & kCapsStorageMask) == kCapsCompressed) {
     const char* extension = options->rate == 1.0f ? "flac" : "ogg";
     const int32_t row = FindWriteRow(extension, kMaskWaveform);
     if (row >= 0) {
