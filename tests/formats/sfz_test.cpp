@@ -34,11 +34,13 @@ Region* RegionAtKey(const Collection& collection, int key) {
 }
 
 // A mono sine written as a plain RIFF WAVE, with a loop when `loopEnd` > 0.
-void WriteTestWave(const std::string& path, uint32_t frames, uint32_t loopStart = 0, uint32_t loopEnd = 0) {
+void WriteTestWave(const std::string& path, uint32_t frames, uint32_t loopStart = 0, uint32_t loopEnd = 0,
+                   int fineTune = 0) {
   Collection collection;
   auto* wave = new Waveform(&collection);
   wave->length = frames;
   wave->sampleRate = 44100;
+  wave->fineTune = int8_t(fineTune);
   float* samples = wave->GetSamplesForWrite();
   for (uint32_t i = 0; i < frames; ++i) samples[i] = 0.5f * std::sin(float(i) * 0.05f);
   if (loopEnd > 0) {
@@ -252,6 +254,33 @@ TEST(Sfz, EdgeCaseRegions) {
   EXPECT_EQ(RegionAtKey(collection, 83)->EffectiveLoop().type, 2) << "backward over the wave's own loop";
   EXPECT_EQ(RegionAtKey(collection, 84)->EffectiveLoop().type, 0) << "a direction alone makes no loop";
   EXPECT_EQ(collection.CountOf(ItemType::Waveform), 2u);
+}
+
+// The WAV files store a fine tune of +3 on root 60 as unity note 59 plus 97 cents; a region's key center
+// replaces the root but keeps the fine tune, so the reader must take the wave as 60 plus 3 cents.
+TEST(Sfz, KeyCenterOverAWaveTunedUpKeepsItsPitch) {
+  test::ScratchDir dir;
+  WriteTestWave(dir.File("up.wav"), 1000, 0, 0, 3);
+  WriteTestWave(dir.File("down.wav"), 1000, 0, 0, -30);
+  WriteText(dir.File("tuned.sfz"),
+            "<region> sample=up.wav pitch_keycenter=60 lokey=0 hikey=63\n"
+            "<region> sample=down.wav pitch_keycenter=72 lokey=64 hikey=127\n");
+  Collection collection;
+  ASSERT_TRUE(LoadFile(collection, dir.File("tuned.sfz"), false)) << LastError();
+  Region* up = RegionAtKey(collection, 60);
+  Region* down = RegionAtKey(collection, 72);
+  ASSERT_NE(up, nullptr);
+  ASSERT_NE(down, nullptr);
+  EXPECT_EQ(up->EffectiveRootKey(), 60);
+  const Waveform* upWave = up->GetWave();
+  ASSERT_NE(upWave, nullptr);
+  EXPECT_EQ(upWave->rootKey, 60);
+  EXPECT_EQ(upWave->fineTune, 3);
+  const Waveform* downWave = down->GetWave();
+  ASSERT_NE(downWave, nullptr);
+  EXPECT_EQ(down->EffectiveRootKey(), 72);
+  EXPECT_EQ(downWave->rootKey, 60) << "a fraction under half a semitone stays on its unity note";
+  EXPECT_EQ(downWave->fineTune, -30);
 }
 
 TEST(Sfz, ControllerStartValuesFiltersAndEffects) {

@@ -303,6 +303,14 @@ void SfzReader::FinishRegion() {
   if (!wave) return;
   if (root > 127) root = 127;
   if (root < 0) root = -1;  // not given: the wave keeps its own root
+  // A key center names the key the wave sounds nearest to, and replaces the wave's own root while the
+  // fine tune stays. A smpl pitch fraction only counts up from its unity note, so a wave 3 cents under
+  // 60 comes in as root 59 with -97 cents: take it as root 60 with +3, the same pitch, before the key
+  // center replaces the root, or the region would sound almost a semitone low.
+  if (root >= 0 && wave->fineTune < -50 && wave->rootKey < 127) {
+    wave->rootKey = uint8_t(wave->rootKey + 1);
+    wave->fineTune = int8_t(wave->fineTune + 100);
+  }
   Region* region = instrument_->AddRegion(wave->id, PackRange(loKey, hiKey),
                                           PackRange(std::clamp(loVel, 0, 127), std::clamp(hiVel, 0, 127)), root);
   if (!region) return;
