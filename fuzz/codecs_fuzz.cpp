@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr uint16_t kTags[] = {2, 17, 23, 32, 49, 4096, 771, 20, 64, 69, 100, 101};
+constexpr uint16_t kTags[] = {2, 17, 23, 32, 49, 4096, 771, 20, 64, 69, 100, 101, 59};
 constexpr size_t kHeadBytes = 8;
 constexpr size_t kMaxExtension = 64;
 

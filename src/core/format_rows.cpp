@@ -369,10 +369,10 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /* 348 */ {"rmi", nullptr, nullptr, nullptr, "RIFF-MIDI w no instruments", 0x60, 0x00080000, 0x1, nullptr},  // RIFF-MIDI: MIDI song only
     /* 349 */ {"rmi", nullptr, nullptr, nullptr, "RIFF-MIDI w DLS level 1 instruments", 0xD1, 0x00180005, 0x2, nullptr},  // RIFF-MIDI with DLS level 1: 8/16-bit mono waves
     /* 350 */ {"rmi", nullptr, nullptr, nullptr, "RIFF-MIDI w DLS level 2 instruments", 0xD1, 0x02180005, 0x3, nullptr},  // RIFF-MIDI with DLS level 2: 8/16-bit mono, stereo as pairs
-    /* 351 */ {"rockwell", nullptr, nullptr, nullptr, "Rockwell ADPCM", 0x01, 0x00103800, 0x0, nullptr},  // Rockwell ADPCM: 2/3/4-bit, mono
-    /* 352 */ {"rockwell-2", nullptr, nullptr, nullptr, "Rockwell 2-bit ADPCM", 0x01, 0x00100800, 0x0, nullptr},  // Rockwell ADPCM: 2-bit, mono
-    /* 353 */ {"rockwell-3", nullptr, nullptr, nullptr, "Rockwell 3-bit ADPCM", 0x01, 0x00101000, 0x0, nullptr},  // Rockwell ADPCM: 3-bit, mono
-    /* 354 */ {"rockwell-4", nullptr, nullptr, nullptr, "Rockwell 4-bit ADPCM", 0x01, 0x00102000, 0x0, nullptr},  // Rockwell ADPCM: 4-bit, mono
+    /* 351 */ {"rockwell", ReadCodecRaw, nullptr, DetectByExtensionOnly, "Rockwell ADPCM", 0x01, 0x00103800, 0x640, nullptr},  // Rockwell ADPCM: 2/3/4-bit, mono
+    /* 352 */ {"rockwell-2", ReadCodecRaw, nullptr, DetectByExtensionOnly, "Rockwell 2-bit ADPCM", 0x01, 0x00100800, 0x620, nullptr},  // Rockwell ADPCM: 2-bit, mono
+    /* 353 */ {"rockwell-3", ReadCodecRaw, nullptr, DetectByExtensionOnly, "Rockwell 3-bit ADPCM", 0x01, 0x00101000, 0x630, nullptr},  // Rockwell ADPCM: 3-bit, mono
+    /* 354 */ {"rockwell-4", ReadCodecRaw, nullptr, DetectByExtensionOnly, "Rockwell 4-bit ADPCM", 0x01, 0x00102000, 0x640, nullptr},  // Rockwell ADPCM: 4-bit, mono
     /* 355 */ {"s", nullptr, nullptr, nullptr, "AKAI S900/S950 sample", 0x01, 0x00100002, 0x0, nullptr},  // AKAI S900/S950 sample: 12-bit mono
     /* 356 */ {"s", nullptr, nullptr, nullptr, "AKAI S1000 sample", 0x01, 0x00100004, 0x1, nullptr},  // AKAI S1000/S3000 sample: 16-bit mono
     /* 357 */ {"s", nullptr, nullptr, nullptr, "AKAI S3000 sample", 0x01, 0x00100004, 0x3, nullptr},  // AKAI S1000/S3000 sample: 16-bit mono

@@ -5,6 +5,7 @@
 #include "formats/audio/codec_raw.h"
 
 #include <algorithm>
+#include <cstring>
 #include <vector>
 
 #include "core/collection.h"
@@ -19,13 +20,17 @@ namespace {
 
 using codecs::GsmFraming;
 
-enum class Stream { G72xTopFirst, G72xLowFirst, G722, Dialogic, Gsm33, GsmRecord, GsmRecordAtTwo, Yamaha };
+enum class Stream { G72xTopFirst, G72xLowFirst, G722, Dialogic, Gsm33, GsmRecord, GsmRecordAtTwo, Yamaha, Rockwell };
 
 constexpr uint32_t kGsmSamplesPerFrame = 160;
 constexpr uint32_t kGsmRecordBytes = 38;
 constexpr uint32_t kGsmFrameBytes = 33;
 constexpr uint32_t kGsmRecordFrameOffset = 2;
 constexpr uint32_t kDefaultRate = 44100;
+// Rockwell voice modems sample at 7200 Hz; the 32-byte head of their RMD files ("RMD1", modem name,
+// compression and speed as big-endian words at 20 and 22, code width at 24) may precede the codes.
+constexpr uint32_t kRockwellRate = 7200;
+constexpr uint32_t kRmdHeadBytes = 32;
 // The source word of VOX files (setting fmt.vox.dwDataFormat): 4-bit ADPCM; not asked of the store yet.
 constexpr uint32_t kVoxSourceWord = 0x8002000;
 
@@ -33,7 +38,8 @@ constexpr uint32_t kVoxSourceWord = 0x8002000;
 uint64_t BytesFor(Stream stream, uint64_t frames, uint32_t bits) {
   switch (stream) {
     case Stream::G72xTopFirst:
-    case Stream::G72xLowFirst: return (frames * bits + 7) / 8;
+    case Stream::G72xLowFirst:
+    case Stream::Rockwell: return (frames * bits + 7) / 8;
     case Stream::Gsm33: return (frames + kGsmSamplesPerFrame - 1) / kGsmSamplesPerFrame * kGsmFrameBytes;
     case Stream::GsmRecord:
     case Stream::GsmRecordAtTwo: return (frames + kGsmSamplesPerFrame - 1) / kGsmSamplesPerFrame * kGsmRecordBytes;
@@ -44,7 +50,8 @@ uint64_t BytesFor(Stream stream, uint64_t frames, uint32_t bits) {
 uint64_t FramesFor(Stream stream, uint64_t bytes, uint32_t bits) {
   switch (stream) {
     case Stream::G72xTopFirst:
-    case Stream::G72xLowFirst: return bytes * 8 / std::max(bits, 2u);
+    case Stream::G72xLowFirst:
+    case Stream::Rockwell: return bytes * 8 / std::max(bits, 2u);
     case Stream::Gsm33: return codecs::GsmFrames(bytes, GsmFraming::Raw33);
     case Stream::GsmRecord:
     case Stream::GsmRecordAtTwo: return codecs::GsmFrames(bytes, GsmFraming::UsrRecord);
@@ -63,6 +70,7 @@ uint64_t DecodeStream(Stream stream, const uint8_t* bytes, size_t count, uint32_
     case Stream::Gsm33: return codecs::DecodeGsm(bytes, count, GsmFraming::Raw33, out, frames);
     case Stream::GsmRecord: return codecs::DecodeGsm(bytes, count, GsmFraming::UsrRecord, out, frames);
     case Stream::Yamaha: return codecs::DecodeYamaha(bytes, count, params, out, frames);
+    case Stream::Rockwell: return codecs::DecodeRockwell(bytes, count, params, out, frames);
     case Stream::GsmRecordAtTwo: {
       // Records whose frame always stands after a 2-byte head: decode frame by frame.
       uint64_t done = 0;
@@ -135,6 +143,11 @@ bool RowCodecOf(uint32_t variant, RowCodec& out) {
       out = {Stream::Dialogic, DecodeCodecFile<Stream::Dialogic>, 4, kStorageAdpcm4};
       return true;
     case CodecRawKind::Yamaha: out = {Stream::Yamaha, DecodeCodecFile<Stream::Yamaha>, 4, kStorageAdpcm4}; return true;
+    case CodecRawKind::Rockwell: {
+      const uint32_t bits = std::clamp(width, 2u, 4u);
+      out = {Stream::Rockwell, DecodeCodecFile<Stream::Rockwell>, bits, kStorageAdpcm2 + bits - 2};
+      return true;
+    }
     case CodecRawKind::Gsm:
       if (width <= 1)
         out = {Stream::Gsm33, DecodeCodecFile<Stream::Gsm33>, 2, kStorageGsm};
@@ -147,6 +160,20 @@ bool RowCodecOf(uint32_t variant, RowCodec& out) {
   return false;
 }
 
+// An RMD head in front of Rockwell codes: the codes start after it, and its width and speed win over
+// the row's. A head naming another width or no speed is taken as plain codes.
+void ReadRmdHead(FileObject* file, int64_t size, RowCodec& codec, uint64_t& start, uint32_t& rate) {
+  uint8_t head[kRmdHeadBytes];
+  if (size < int64_t(kRmdHeadBytes) || !file->ReadAt(0, head, kRmdHeadBytes) || std::memcmp(head, "RMD1", 4) != 0)
+    return;
+  const uint32_t bits = head[24];
+  const uint32_t speed = uint32_t(head[22]) << 8 | head[23];
+  if (bits < 2 || bits > 4 || speed == 0) return;
+  RowCodecOf(CodecRawVariant(CodecRawKind::Rockwell, bits, 0, 0), codec);
+  start = kRmdHeadBytes;
+  rate = speed;
+}
+
 }  // namespace
 
 bool ReadCodecRaw(Collection* collection, FileObject* file, uint32_t variant) {
@@ -156,7 +183,10 @@ bool ReadCodecRaw(Collection* collection, FileObject* file, uint32_t variant) {
     SetLastError("File is of zero size");
     return false;
   }
-  const uint64_t frames = FramesFor(codec.stream, uint64_t(size), codec.bits);
+  uint64_t start = 0;
+  uint32_t rate = 0;
+  if (codec.stream == Stream::Rockwell) ReadRmdHead(file, size, codec, start, rate);
+  const uint64_t frames = FramesFor(codec.stream, uint64_t(size) - start, codec.bits);
   const bool gsm = codec.stream == Stream::Gsm33 || codec.stream == Stream::GsmRecord ||
                    codec.stream == Stream::GsmRecordAtTwo;
   // A GSM file shorter than one frame still loads, as one frame of silence; other streams need a code.
@@ -167,8 +197,9 @@ bool ReadCodecRaw(Collection* collection, FileObject* file, uint32_t variant) {
   auto* wave = new Waveform(collection);
   wave->channels = 1;
   const uint32_t rateKhz = (variant >> 16) & 0xFF;
-  wave->sampleRate = rateKhz ? rateKhz * 1000 : kDefaultRate;
-  wave->sourceOffset = 0;
+  const uint32_t rowRate = codec.stream == Stream::Rockwell ? kRockwellRate : kDefaultRate;
+  wave->sampleRate = rate ? rate : rateKhz ? rateKhz * 1000 : rowRate;
+  wave->sourceOffset = start;
   wave->length = uint32_t(std::min<uint64_t>(frames ? frames : kGsmSamplesPerFrame, 0xFFFFFFFF));
   wave->bits = uint8_t(codec.bits);
   wave->sourceFormat = codec.stream == Stream::Dialogic ? kVoxSourceWord : 1u << codec.storage;
@@ -181,7 +212,7 @@ bool ReadCodecRaw(Collection* collection, FileObject* file, uint32_t variant) {
 bool WriteCodecRaw(Item* item, FileObject* file, const SaveOptions* options) {
   auto* wave = static_cast<Waveform*>(item);
   RowCodec codec;
-  if (!RowCodecOf(options->variant, codec) || codec.stream == Stream::Dialogic) {
+  if (!RowCodecOf(options->variant, codec) || codec.stream == Stream::Dialogic || codec.stream == Stream::Rockwell) {
     SetLastError("The file format can not save this item");
     return false;
   }
@@ -204,7 +235,8 @@ bool WriteCodecRaw(Item* item, FileObject* file, const SaveOptions* options) {
     case Stream::Gsm33: bytes = codecs::EncodeGsm(mono.data(), mono.size(), GsmFraming::Raw33); break;
     case Stream::GsmRecord:
     case Stream::GsmRecordAtTwo: bytes = codecs::EncodeGsm(mono.data(), mono.size(), GsmFraming::UsrRecord); break;
-    case Stream::Dialogic: break;
+    case Stream::Dialogic:
+    case Stream::Rockwell: break;
   }
   if (!file->Write(bytes.data(), bytes.size())) {
     SetLastError("Writing to file failed");

@@ -1,4 +1,4 @@
-// The sample codecs the program carries itself: IMA, MS, Dialogic and Yamaha ADPCM, the
+// The sample codecs the program carries itself: IMA, MS, Dialogic, Yamaha and Rockwell ADPCM, the
 // CCITT G.721/G.723/G.726 and G.722 coders and GSM 06.10. Plain functions over byte buffers, with no
 // model types, so that WAVE, AIFF, raw and bank readers share them. Decoders give interleaved float,
 // the 16-bit result times 3.0517578e-5; they never fail, they decode what they are given and stop at
@@ -77,6 +77,12 @@ uint64_t YamahaFrames(uint64_t byteCount, const CodecParams& params);
 uint64_t DecodeYamaha(const uint8_t* bytes, size_t byteCount, const CodecParams& params, float* out,
                       uint64_t maxFrames);
 std::vector<uint8_t> EncodeYamaha(const float* in, uint64_t frames, uint32_t channels);
+
+// ---- Rockwell ADPCM (decode only): mono, bitsPerSample 2..4, codes from the low bits of each byte up;
+// one state for the whole stream, as the modems send it at 7200 Hz ------------------------------------
+uint64_t RockwellFrames(uint64_t byteCount, const CodecParams& params);
+uint64_t DecodeRockwell(const uint8_t* bytes, size_t byteCount, const CodecParams& params, float* out,
+                        uint64_t maxFrames);
 
 // ---- G.721 / G.723 / G.726: one state for the whole stream, codes packed from the top bit down ---------
 class G726State {

@@ -22,6 +22,8 @@ constexpr WaveCodec kWaveCodecs[] = {
     {69, DecodeG726, G726Frames},           // G.726 ADPCM
     {100, DecodeG726, G726Frames},          // G.726 at 16 kbit/s
     {101, DecodeG722, G722Frames},          // G.722
+    {59, DecodeRockwell, RockwellFrames},   // Rockwell ADPCM
+    {768, DecodeRockwell, RockwellFrames},  // Rockwell ADPCM under a second tag
 };
 
 }  // namespace
