@@ -1,5 +1,6 @@
 // Any bytes through the SoundFont reader (all of its rows) and the sample decoders: never a crash or a
-// hang, every bank it takes is one the detectors score, and what it reads can be written again.
+// hang, every bank it takes is one the detectors score, and what it reads can be written again. Each
+// sfbk input is also tried as a packed (sfpk) bank, so that its smpl bytes reach the WavPack decoder.
 #include <unistd.h>
 
 #include <algorithm>
@@ -34,6 +35,24 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   for (Waveform* wave : collection.All<Waveform>()) {
     wave->SetText(kTextSourceFile, path);
     wave->Preload();
+  }
+  if (size >= 12 && std::equal(data + 8, data + 12, "sfbk")) {
+    // The same bytes as a packed bank: its smpl chunk goes to the WavPack decoder.
+    std::string packed(reinterpret_cast<const char*>(data), size);
+    packed.replace(8, 4, "sfpk");
+    const std::string packedPath = dir + "/packed.sf2";
+    if (FILE* copy = std::fopen(packedPath.c_str(), "wb")) {
+      std::fwrite(packed.data(), 1, packed.size(), copy);
+      std::fclose(copy);
+      Collection packedCollection;
+      FileObject packedFile;
+      if (packedFile.Open(packedPath, FileMode::Read) && ReadSoundFont(&packedCollection, &packedFile, 0)) {
+        for (Waveform* wave : packedCollection.All<Waveform>()) {
+          wave->SetText(kTextSourceFile, packedPath);
+          wave->Preload();
+        }
+      }
+    }
   }
   if (read) {
     FileObject saved;

@@ -404,9 +404,9 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /* 383 */ {"sdx", nullptr, nullptr, nullptr, "SDX compact MIDI SDS", 0x01, 0x0010001F, 0x0, nullptr},  // compact Sample Dump Standard: 8 to 28-bit mono
     /* 384 */ {"sf", nullptr, nullptr, nullptr, "IRCAM / MTU sound", 0x01, 0x003003E5, 0x0, nullptr},  // IRCAM/BICSF: 8/16/32-bit, float, double, mu/A-law
     /* 385 */ {"sf2", ReadSoundFont, WriteSf2, DetectSf2, "SoundFont v2 bank", 0x91, 0x02100014, 0x0, nullptr},  // SoundFont 2: 16/24-bit mono samples, stereo as linked pairs
-    /* 386 */ {"sf2pack", nullptr, nullptr, nullptr, "MIDI Converter Studio", 0x91, 0x02100014, 0x0, nullptr},  // SoundFont 2 with WavPack-packed sample chunk
+    /* 386 */ {"sf2pack", ReadSoundFont, nullptr, DetectSf2Pack, "MIDI Converter Studio", 0x91, 0x02100014, 0x0, nullptr},  // SoundFont 2 with WavPack-packed sample chunk
     /* 387 */ {"sf3", ReadSoundFont, WriteSf3, DetectSf3, "Compressed SoundFont", 0x91, 0x02120014, 0x3, Sf3Settings},  // SoundFont 3: 16/24-bit or Vorbis/FLAC mono samples, stereo as pairs
-    /* 388 */ {"sfark", nullptr, nullptr, nullptr, "Melody Machine SF", 0x91, 0x02100014, 0x0, nullptr},  // sfArk: packed SoundFont 2
+    /* 388 */ {"sfark", ReadSfArk, nullptr, DetectSfArk, "Melody Machine SF", 0x91, 0x02100014, 0x0, nullptr},  // sfArk: packed SoundFont 2
     /* 389 */ {"sfd", nullptr, nullptr, nullptr, "SoundStage data", 0x01, 0x00300005, 0x0, nullptr},  // SoundStage sound data
     /* 390 */ {"sfi", nullptr, nullptr, nullptr, "SoundStage info", 0x01, 0x00300005, 0x0, nullptr},  // SoundStage sound info
     /* 391 */ {"sfr", nullptr, nullptr, nullptr, "Sonic Foundry sample", 0x01, 0x00300005, 0x0, nullptr},  // Sonic Foundry sample

@@ -1,4 +1,4 @@
-// SoundFont banks (sbk, sf2, sf3, packed sf2): the sfbk tables as records, the reader that turns the
+// SoundFont banks (sbk, sf2, sf3, packed sf2, sfArk): the sfbk tables as records, the reader that turns the
 // two levels of additive zones into instruments, layers and regions, the writer of the reverse road,
 // and the single-sample entry that other handlers use to take one sample out of any bank.
 // Loop points in shdr are absolute sample numbers except in compressed banks, where they are relative.
@@ -111,6 +111,12 @@ int32_t DetectSf3(const uint8_t* head, uint32_t variant, uint32_t headBytes, uin
 int32_t DetectSbk(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
 int32_t DetectSf2Pack(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
 bool ReadSoundFont(Collection* collection, FileObject* file, uint32_t variant);
+// sfArk: "sfArk" at byte 26 of the archive header.
+int32_t DetectSfArk(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
+// Unpacks through the sfArk add-on into SfArkTargetPath(archive), then reads that bank.
+bool ReadSfArk(Collection* collection, FileObject* file, uint32_t variant);
+// "<folder>/<stem>.sf2", or "<stem> 1.sf2", "<stem> 2.sf2"... when taken.
+std::string SfArkTargetPath(const std::string& archive);
 bool WriteSf2(Item* item, FileObject* file, const SaveOptions* options);
 bool WriteSbk(Item* item, FileObject* file, const SaveOptions* options);
 bool WriteSf3(Item* item, FileObject* file, const SaveOptions* options);

@@ -18,6 +18,7 @@
 #include "core/user_interface.h"
 #include "formats/audio/addons/flac_addon.h"
 #include "formats/audio/addons/vorbis_addon.h"
+#include "formats/audio/addons/wavpack_addon.h"
 #include "formats/common/riff.h"
 #include "formats/instrument/soundfont/soundfont.h"
 
@@ -129,6 +130,30 @@ bool DecodeCompressedSample(Waveform* wave, FileObject* file) {
     }
   }
   std::remove(path.c_str());
+  return ok;
+}
+
+// A packed bank's smpl chunk is one WavPack stream of all samples back to back; a sample is the run
+// of frames from its shdr start (kept in sourceOffsetB), decoded from the stream at sourceOffset.
+bool DecodePackedSample(Waveform* wave, FileObject* file) {
+  if (!file || !file->IsOpen() || wave->length == 0) return Fail("Zero length");
+  const uint64_t position = file->Tell();
+  bool ok = false;
+  if (file->Seek(wave->sourceOffset)) {
+    std::unique_ptr<addons::AudioStream> stream = addons::OpenWavPackStream(*file);
+    std::vector<float> frames;
+    if (stream && stream->channels >= 1 && wave->sourceOffsetB + wave->length <= stream->frames &&
+        stream->Seek(wave->sourceOffsetB) && addons::ReadAllFrames(*stream, frames, wave->length) &&
+        wave->AllocSamples()) {
+      float* out = wave->Data()->samples;
+      const size_t count = frames.size() / stream->channels;
+      for (uint32_t i = 0; i < wave->length; ++i) out[i] = i < count ? frames[size_t(i) * stream->channels] : 0.0f;
+      ok = true;
+    } else if (stream) {
+      SetLastError("Reading from file failed");
+    }
+  }
+  file->Seek(position);
   return ok;
 }
 
@@ -343,6 +368,16 @@ Waveform* ReadOneSample(Collection* collection, FileObject* file, uint32_t index
     if (header.endLoop > header.startLoop) {
       wave->loop.start = float(header.startLoop);
       wave->loop.end = float(header.endLoop);
+    }
+  } else if (bank.packed) {
+    wave->length = header.end - header.start;
+    wave->sourceOffset = bank.sampleDataOffset;
+    wave->sourceOffsetB = header.start;
+    wave->bits = 16;
+    wave->decoder = &DecodePackedSample;
+    if (header.endLoop > header.startLoop) {
+      wave->loop.start = float(int64_t(header.startLoop) - int64_t(header.start));
+      wave->loop.end = float(int64_t(header.endLoop) - int64_t(header.start));
     }
   } else {
     wave->length = header.end - header.start;
