@@ -104,13 +104,7 @@ class AdtsStream : public PacketStream {
     // ADTS frames decode on their own: start again and skip the frames before the target.
     at_ = start_;
     DropPending();
-    std::vector<float> skip(size_t(4096) * channels);
-    while (frame > 0) {
-      const int64_t got = Read(skip.data(), uint32_t(std::min<uint64_t>(frame, 4096)));
-      if (got <= 0) return false;
-      frame -= uint64_t(got);
-    }
-    return true;
+    return SkipFrames(frame);
   }
 
  private:

@@ -199,4 +199,15 @@ int64_t PacketStream::Read(float* out, uint32_t wanted) {
   return done;
 }
 
+bool PacketStream::SkipFrames(uint64_t frames) {
+  constexpr uint32_t kChunkFrames = 4096;
+  std::vector<float> dropped(size_t(kChunkFrames) * channels);
+  while (frames > 0) {
+    const int64_t got = Read(dropped.data(), uint32_t(std::min<uint64_t>(frames, kChunkFrames)));
+    if (got <= 0) return false;
+    frames -= uint64_t(got);
+  }
+  return true;
+}
+
 }  // namespace orlin::addons

@@ -81,6 +81,8 @@ class PacketStream : public AudioStream {
  protected:
   // Decodes the next packet into `pending`; false at the end.
   virtual bool DecodePacket() = 0;
+  // Decodes and drops `frames` frames (a seek lands on a packet before the target); false at the end.
+  bool SkipFrames(uint64_t frames);
   void DropPending() {
     pending.clear();
     pendingAt = 0;

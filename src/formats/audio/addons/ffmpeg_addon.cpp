@@ -253,13 +253,7 @@ class FfmpegStream : public PacketStream {
     codec.flushBuffers(decoder_);
     DropPending();
     ended_ = draining_ = false;
-    std::vector<float> skip(size_t(4096) * channels);
-    while (frame > 0) {
-      const int64_t got = Read(skip.data(), uint32_t(std::min<uint64_t>(frame, 4096)));
-      if (got <= 0) return false;
-      frame -= uint64_t(got);
-    }
-    return true;
+    return SkipFrames(frame);
   }
 
  private:
