@@ -486,6 +486,54 @@ TEST(SoundFontWrite, SavedBanksRenderLikeTheOriginals) {
   }
 }
 
+// One line per region: patch, ranges, the wave's length and root, and every articulation value.
+std::multiset<std::string> RegionLines(Collection& collection) {
+  std::multiset<std::string> lines;
+  for (Instrument* instrument : collection.All<Instrument>())
+    for (uint32_t layerId : instrument->children)
+      for (uint32_t regionId : collection.Find<Layer>(layerId)->children) {
+        const Region* region = collection.Find<Region>(regionId);
+        const Waveform* wave = region->GetWave();
+        std::ostringstream line;
+        line << instrument->patch << ' ' << int(region->range.loKey) << '-' << int(region->range.hiKey) << ' '
+             << int(region->range.loVelocity) << '-' << int(region->range.hiVelocity) << ' ' << wave->length << ' '
+             << int(region->EffectiveRootKey());
+        for (ParamId id = 0; id < kArticulationParamCount; ++id) line << ' ' << region->articulation.Get(id);
+        lines.insert(line.str());
+      }
+  return lines;
+}
+
+TEST(SoundFontWrite, BanksOverTheTableLimitsKeepVelocitySplitsInThePresets) {
+  // FluidR3_GM's presets split velocity over one instrument each; one zone per region would pass
+  // the 65535 generators the tables can index, so its velocity splits go back into preset zones.
+  const std::string original = "/usr/share/sounds/sf2/FluidR3_GM.sf2";
+  if (!std::filesystem::exists(original)) GTEST_SKIP() << "fluid-soundfont-gm absent";
+  const int32_t row = FindWriteRow("sf2", kMaskCollection);
+  ScratchDir scratch;
+  auto saveAndReload = [&](Collection& from, Collection& to, const std::string& path) {
+    ASSERT_TRUE(SaveItem(&from, row, path, DefaultSaveOptions(row))) << LastError();
+    ASSERT_TRUE(LoadFile(to, path, false)) << LastError();
+  };
+  Collection collection, once, twice;
+  ASSERT_TRUE(LoadFile(collection, original, false)) << LastError();
+  saveAndReload(collection, once, scratch.File("once.sf2"));
+  // The first save may bound values to the generators' ranges; from then on every region comes back
+  // as it was saved: same ranges, wave and articulation, whether its zones were split or not.
+  saveAndReload(once, twice, scratch.File("twice.sf2"));
+  const std::multiset<std::string> before = RegionLines(once), after = RegionLines(twice);
+  EXPECT_EQ(RegionLines(collection).size(), before.size());
+  std::vector<std::string> differing;
+  std::set_symmetric_difference(before.begin(), before.end(), after.begin(), after.end(), std::back_inserter(differing));
+  EXPECT_TRUE(differing.empty()) << differing.size() << " regions differ, first: " << differing.front();
+  FileObject file;
+  ASSERT_TRUE(file.Open(scratch.File("once.sf2"), FileMode::Read));
+  SoundFontFile tables;
+  ASSERT_TRUE(ReadSoundFontTables(file, tables)) << LastError();
+  EXPECT_GT(tables.presetBags.size(), tables.presets.size() + 100);  // splits stand at preset level
+  EXPECT_LE(tables.instrumentGenerators.size(), 65536u);
+}
+
 TEST(SoundFontWrite, TwentyFourBitWavesKeepTheirLowByte) {
   ScratchDir dir;
   Collection collection;

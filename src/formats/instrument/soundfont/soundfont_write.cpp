@@ -7,6 +7,7 @@
 #include <cstring>
 #include <cstdio>
 #include <map>
+#include <tuple>
 #include <unistd.h>
 
 #include "core/collection.h"
@@ -62,14 +63,15 @@ void AddGenerator(Tables& t, bool preset, uint16_t op, int16_t amount) {
   out.U16(uint16_t(amount));
   ++(preset ? t.presetGens : t.instGens);
 }
-void AddModulator(Tables& t, int slot, int16_t amount) {
+void AddModulator(Tables& t, bool preset, int slot, int16_t amount) {
   const SfModulator m = SlotModulator(slot, amount);
-  t.imod.U16(m.source);
-  t.imod.U16(m.destination);
-  t.imod.U16(uint16_t(m.amount));
-  t.imod.U16(0);
-  t.imod.U16(0);
-  ++t.instMods;
+  ByteWriter& out = preset ? t.pmod : t.imod;
+  out.U16(m.source);
+  out.U16(m.destination);
+  out.U16(uint16_t(m.amount));
+  out.U16(0);
+  out.U16(0);
+  ++(preset ? t.presetMods : t.instMods);
 }
 void AddBag(Tables& t, bool preset) {
   ByteWriter& out = preset ? t.pbag : t.ibag;
@@ -83,13 +85,6 @@ bool IsStructural(int op) {
   return op == 41 || op == 43 || op == 44 || op == 53 || op == 54 || op == 57 || op == 58 || op == 0 || op == 1 ||
          op == 2 || op == 3 || op == 4 || op == 12 || op == 45 || op == 50 || op == 46 || op == 47;
 }
-
-struct ZoneOut {
-  ZoneGenerators g;
-  ZoneModulators m;
-  const Region* region;
-  int channel;  // -1 mono, 0 left, 1 right
-};
 
 int16_t Coarse(int32_t value) { return int16_t(value / 32768); }
 int16_t Fine(int32_t value) { return int16_t(value % 32768); }
@@ -122,6 +117,263 @@ bool EncodeChannel(const std::vector<float>& samples, uint32_t rate, float setti
   std::remove(path.c_str());
   out.assign(bytes.begin(), bytes.end());
   return ok;
+}
+
+// Generators a zone takes from its region rather than from its articulation: key range first, then
+// offsets, loop shifts, sample mode, exclusive class and root key, and the sample last, as the format
+// orders them. None of them may stand at preset level.
+using GeneratorList = std::vector<std::pair<uint16_t, int16_t>>;
+
+GeneratorList RegionGenerators(const Region& region, uint32_t sampleIndex) {
+  GeneratorList out;
+  auto add = [&out](uint16_t op, int32_t value) { out.emplace_back(op, int16_t(value)); };
+  if (region.range.loKey != 0 || region.range.hiKey != 127) add(43, region.range.loKey | region.range.hiKey << 8);
+  if (region.startOffset) {
+    add(0, Fine(region.startOffset));
+    if (Coarse(region.startOffset)) add(4, Coarse(region.startOffset));
+  }
+  if (region.endOffset) {
+    add(1, Fine(region.endOffset));
+    if (Coarse(region.endOffset)) add(12, Coarse(region.endOffset));
+  }
+  const Waveform* wave = region.GetWave();
+  if (region.overrideFlags & (Region::kOverrideLoopStart | Region::kOverrideLoopEnd)) {
+    const LoopInfo effective = region.EffectiveLoop();
+    const int32_t startShift = int32_t(std::lround(effective.start - wave->loop.start));
+    const int32_t endShift = int32_t(std::lround(effective.end - (wave->loop.end == kLoopEndUnset ? 0 : wave->loop.end)));
+    if (startShift) add(2, Fine(startShift));
+    if (Coarse(startShift)) add(45, Coarse(startShift));
+    if (endShift) add(3, Fine(endShift));
+    if (Coarse(endShift)) add(50, Coarse(endShift));
+  }
+  const LoopInfo loop = region.EffectiveLoop();
+  if (loop.type != 0) add(54, loop.release ? 3 : 1);
+  const int group = int(region.range.values[202 - kFirstTriggerParam]);
+  if (group > 0) add(57, std::min(group, 32767));
+  if ((region.overrideFlags & Region::kOverrideRoot) && region.rootKey != wave->rootKey) add(58, region.rootKey);
+  add(53, int32_t(sampleIndex));
+  return out;
+}
+
+struct ZoneOut {
+  ZoneGenerators g;
+  ZoneModulators m;
+  GeneratorList fixed;  // RegionGenerators
+  uint8_t loVelocity = 0, hiVelocity = 127;
+};
+
+// A preset zone over the one instrument: its velocity range and the offsets it adds to every zone.
+struct PresetZone {
+  uint8_t loVelocity = 0, hiVelocity = 127;
+  ZoneGenerators g{};
+  ZoneModulators m{};
+};
+
+std::vector<ZoneOut> CollectZones(SaveView& view, const std::vector<WrittenSample>& written, const Instrument& instrument,
+                                  BankKind kind) {
+  std::vector<ZoneOut> zones;
+  for (uint32_t layerId : instrument.children) {
+    const Layer* layer = instrument.collection->Find<Layer>(layerId);
+    if (!layer) continue;
+    for (uint32_t regionId : layer->children) {
+      const Region* region = instrument.collection->Find<Region>(regionId);
+      const Waveform* wave = region ? region->GetWave() : nullptr;
+      const int w = wave ? view.WaveIndex(wave) : -1;
+      if (w < 0) continue;
+      const WrittenSample& sample = written[size_t(w)];
+      ZoneOut zone{};
+      ArticulationToZone(region->articulation, zone.g, zone.m);
+      if (kind == BankKind::Sbk) zone.m = DefaultZoneModulators();
+      zone.loVelocity = region->range.loVelocity;
+      zone.hiVelocity = region->range.hiVelocity;
+      // A stereo wave is a linked left/right pair: two zones, panned hard.
+      for (uint32_t c = 0; c < sample.channels; ++c) {
+        if (sample.channels == 2) zone.g[17] = int16_t(c == 0 ? -500 : 500);
+        zone.fixed = RegionGenerators(*region, sample.first + c);
+        zones.push_back(zone);
+      }
+    }
+  }
+  return zones;
+}
+
+template <typename ValueOf>
+bool CommonestOffset(const std::vector<std::pair<const ZoneOut*, const ZoneOut*>>& pairs, int16_t& offset,
+                     ValueOf valueOf) {
+  std::map<int32_t, size_t> counts;
+  for (const auto& [zone, partner] : pairs) ++counts[valueOf(*zone) - valueOf(*partner)];
+  const auto best = std::max_element(counts.begin(), counts.end(),
+                                     [](const auto& a, const auto& b) { return a.second < b.second; });
+  offset = int16_t(best->first);
+  return best->first >= -32768 && best->first <= 32767;
+}
+
+// True when `partner` plus the preset offsets reads back as `zone` does. Exact offsets always do; else
+// the two are compared after conversion, since values read in Hz or seconds are rounded there and the
+// generator numbers written back from them may differ by a unit that the rounding hides again.
+bool ReadsTheSame(const ZoneOut& zone, const ZoneOut& partner, const PresetZone& preset) {
+  bool exact = true;
+  ZoneGenerators g;
+  ZoneModulators m;
+  for (int op = 0; op < kSfGeneratorCount; ++op) {
+    const int32_t sum = partner.g[size_t(op)] + (IsStructural(op) ? 0 : preset.g[size_t(op)]);
+    g[size_t(op)] = int16_t(std::clamp(sum, -32768, 32767));
+    exact = exact && g[size_t(op)] == zone.g[size_t(op)];
+  }
+  for (int slot = 0; slot < kSfModulatorSlots; ++slot) {
+    m[size_t(slot)] = int16_t(std::clamp(partner.m[size_t(slot)] + preset.m[size_t(slot)], -32768, 32767));
+    exact = exact && m[size_t(slot)] == zone.m[size_t(slot)];
+  }
+  if (exact) return true;
+  Articulation wanted, split;
+  ZoneToArticulation(zone.g, zone.m, wanted);
+  ZoneToArticulation(g, m, split);
+  return std::equal(wanted.Values(), wanted.Values() + kArticulationParamCount, split.Values()) &&
+         std::equal(wanted.Mask(), wanted.Mask() + 3, split.Mask());
+}
+
+// Finds a velocity split that can stand at preset level: the zones fall into velocity ranges that each
+// hold the same zones (same sample, keys and other region generators), and within one range every
+// generator and modulator differs from the first range's by one offset. Then the instrument keeps
+// the first range's zones over the full velocity range, and each range becomes a preset zone.
+bool SplitByVelocity(const std::vector<ZoneOut>& zones, std::vector<PresetZone>& presetZones, std::vector<ZoneOut>& base) {
+  std::vector<std::pair<uint16_t, std::vector<size_t>>> ranges;  // in order of first appearance
+  for (size_t i = 0; i < zones.size(); ++i) {
+    const uint16_t key = uint16_t(zones[i].loVelocity | zones[i].hiVelocity << 8);
+    auto it = std::find_if(ranges.begin(), ranges.end(), [key](const auto& range) { return range.first == key; });
+    if (it == ranges.end()) it = ranges.insert(ranges.end(), {key, {}});
+    it->second.push_back(i);
+  }
+  if (ranges.size() < 2) return false;
+  // Zones of one range by shape. Within a shape (one sample over the same keys, say two detuned
+  // copies) they are ordered by their generators and modulators: one offset added to all of them
+  // keeps that order, so the n-th of a shape pairs with the n-th of the first range's.
+  auto byShape = [&zones](const std::vector<size_t>& members) {
+    std::map<GeneratorList, std::vector<size_t>> shapes;
+    for (size_t i : members) shapes[zones[i].fixed].push_back(i);
+    for (auto& [shape, list] : shapes)
+      std::sort(list.begin(), list.end(), [&zones](size_t a, size_t b) {
+        return std::tie(zones[a].g, zones[a].m) < std::tie(zones[b].g, zones[b].m);
+      });
+    return shapes;
+  };
+  const std::vector<size_t>& first = ranges.front().second;
+  const std::map<GeneratorList, std::vector<size_t>> firstShapes = byShape(first);
+  std::vector<PresetZone> found;
+  for (const auto& [key, members] : ranges) {
+    if (members.size() != first.size()) return false;
+    PresetZone preset;
+    preset.loVelocity = uint8_t(key & 0xFF);
+    preset.hiVelocity = uint8_t(key >> 8);
+    std::vector<std::pair<const ZoneOut*, const ZoneOut*>> pairs;
+    for (const auto& [shape, list] : byShape(members)) {
+      const auto twins = firstShapes.find(shape);
+      if (twins == firstShapes.end() || twins->second.size() != list.size()) return false;
+      for (size_t n = 0; n < list.size(); ++n) pairs.emplace_back(&zones[list[n]], &zones[twins->second[n]]);
+    }
+    // Each offset is the difference most pairs show; every pair must then read back as it is.
+    for (int op = 0; op < kSfGeneratorCount; ++op)
+      if (!IsStructural(op) && !CommonestOffset(pairs, preset.g[size_t(op)], [op](const ZoneOut& z) { return z.g[size_t(op)]; }))
+        return false;
+    for (int slot = 0; slot < kSfModulatorSlots; ++slot)
+      if (!CommonestOffset(pairs, preset.m[size_t(slot)], [slot](const ZoneOut& z) { return z.m[size_t(slot)]; }))
+        return false;
+    for (const auto& [zone, partner] : pairs)
+      if (!ReadsTheSame(*zone, *partner, preset)) return false;
+    found.push_back(preset);
+  }
+  presetZones = std::move(found);
+  base.clear();
+  for (size_t i : first) {
+    base.push_back(zones[i]);
+    base.back().loVelocity = 0;
+    base.back().hiVelocity = 127;
+  }
+  return true;
+}
+
+// Writes each Instrument as one preset over one instrument of the same name. With `splitVelocities`
+// an instrument whose zones form a velocity split keeps the split at preset level. False when a table
+// passes the format's 65535 records.
+bool WritePresets(SaveView& view, const std::vector<WrittenSample>& written, BankKind kind, bool splitVelocities,
+                  Tables& t) {
+  const ZoneGenerators defaultsG = DefaultZoneGenerators();
+  const ZoneModulators defaultsM = DefaultZoneModulators();
+  uint16_t instIndex = 0;
+  for (Instrument* instrument : view.Instruments()) {
+    std::vector<ZoneOut> zones = CollectZones(view, written, *instrument, kind);
+    std::vector<PresetZone> presetZones;
+    std::vector<ZoneOut> base;
+    if (splitVelocities && SplitByVelocity(zones, presetZones, base)) {
+      zones = std::move(base);
+    } else {
+      presetZones.assign(1, PresetZone{});
+    }
+    // Global zone: for each generator and slot the value most zones hold, when that is not the
+    // default; zones then write only where they differ.
+    ZoneGenerators globalG = defaultsG;
+    ZoneModulators globalM = defaultsM;
+    bool anyGlobal = false;
+    auto commonest = [&zones](auto valueOf, int16_t fallback) {
+      std::map<int16_t, size_t> counts;
+      for (const ZoneOut& z : zones) ++counts[valueOf(z)];
+      int16_t best = fallback;
+      size_t bestCount = counts.count(fallback) ? counts[fallback] : 0;
+      for (const auto& [value, count] : counts)
+        if (count > bestCount) best = value, bestCount = count;
+      return best;
+    };
+    for (int op = 0; op < kSfGeneratorCount && !zones.empty(); ++op) {
+      if (IsStructural(op)) continue;
+      globalG[size_t(op)] = commonest([op](const ZoneOut& z) { return z.g[size_t(op)]; }, defaultsG[size_t(op)]);
+      anyGlobal = anyGlobal || globalG[size_t(op)] != defaultsG[size_t(op)];
+    }
+    for (int slot = 0; slot < kSfModulatorSlots && !zones.empty(); ++slot) {
+      globalM[size_t(slot)] = commonest([slot](const ZoneOut& z) { return z.m[size_t(slot)]; }, defaultsM[size_t(slot)]);
+      anyGlobal = anyGlobal || globalM[size_t(slot)] != defaultsM[size_t(slot)];
+    }
+    PutName(t.phdr, instrument->GetName());
+    t.phdr.U16(uint16_t(instrument->Program()));
+    t.phdr.U16(uint16_t(instrument->IsDrumKit() ? 128 : instrument->MajorBank()));
+    t.phdr.U16(uint16_t(t.presetBags));
+    t.phdr.U32(0); t.phdr.U32(0); t.phdr.U32(0);
+    for (const PresetZone& preset : presetZones) {
+      AddBag(t, true);
+      if (preset.loVelocity != 0 || preset.hiVelocity != 127)
+        AddGenerator(t, true, 44, int16_t(preset.loVelocity | preset.hiVelocity << 8));
+      for (int op = 0; op < kSfGeneratorCount; ++op)
+        if (preset.g[size_t(op)]) AddGenerator(t, true, uint16_t(op), preset.g[size_t(op)]);
+      for (int slot = 0; slot < kSfModulatorSlots; ++slot)
+        if (preset.m[size_t(slot)]) AddModulator(t, true, slot, preset.m[size_t(slot)]);
+      AddGenerator(t, true, 41, int16_t(instIndex));
+    }
+    PutName(t.inst, instrument->GetName());
+    t.inst.U16(uint16_t(t.instBags));
+    if (anyGlobal) {
+      AddBag(t, false);
+      for (int op = 0; op < kSfGeneratorCount; ++op)
+        if (globalG[size_t(op)] != defaultsG[size_t(op)]) AddGenerator(t, false, uint16_t(op), globalG[size_t(op)]);
+      for (int slot = 0; slot < kSfModulatorSlots; ++slot)
+        if (globalM[size_t(slot)] != defaultsM[size_t(slot)]) AddModulator(t, false, slot, globalM[size_t(slot)]);
+    }
+    for (const ZoneOut& z : zones) {
+      AddBag(t, false);
+      // Key range, then velocity range, lead; the sample ends the zone.
+      size_t next = 0;
+      if (z.fixed[next].first == 43) AddGenerator(t, false, 43, z.fixed[next++].second);
+      if (z.loVelocity != 0 || z.hiVelocity != 127) AddGenerator(t, false, 44, int16_t(z.loVelocity | z.hiVelocity << 8));
+      for (int op = 0; op < kSfGeneratorCount; ++op)
+        if (!IsStructural(op) && z.g[size_t(op)] != globalG[size_t(op)]) AddGenerator(t, false, uint16_t(op), z.g[size_t(op)]);
+      for (; next < z.fixed.size(); ++next) AddGenerator(t, false, z.fixed[next].first, z.fixed[next].second);
+      for (int slot = 0; slot < kSfModulatorSlots; ++slot)
+        if (z.m[size_t(slot)] != globalM[size_t(slot)]) AddModulator(t, false, slot, z.m[size_t(slot)]);
+    }
+    ++instIndex;
+    if (t.presetGens > kMaxRecords || t.instGens > kMaxRecords || t.presetBags > kMaxRecords ||
+        t.instBags > kMaxRecords || t.presetMods > kMaxRecords || t.instMods > kMaxRecords || instIndex == 0xFFFF)
+      return false;
+  }
+  return true;
 }
 
 bool WriteBank(Item* item, FileObject* file, const SaveOptions* options, BankKind kind) {
@@ -241,120 +493,13 @@ bool WriteBank(Item* item, FileObject* file, const SaveOptions* options, BankKin
     t.shdr.Fill(0, 26);
   }
 
-  // Presets and instruments, one each per Instrument.
-  uint16_t instIndex = 0;
-  for (Instrument* instrument : view.Instruments()) {
-    std::vector<ZoneOut> zones;
-    for (uint32_t layerId : instrument->children) {
-      const Layer* layer = instrument->collection->Find<Layer>(layerId);
-      if (!layer) continue;
-      for (uint32_t regionId : layer->children) {
-        const Region* region = instrument->collection->Find<Region>(regionId);
-        const Waveform* wave = region ? region->GetWave() : nullptr;
-        const int w = wave ? view.WaveIndex(wave) : -1;
-        if (w < 0) continue;
-        ZoneOut zone{};
-        zone.region = region;
-        ArticulationToZone(region->articulation, zone.g, zone.m);
-        if (kind == BankKind::Sbk) zone.m = DefaultZoneModulators();
-        if (written[size_t(w)].channels == 2) {
-          for (int c = 0; c < 2; ++c) {
-            zone.channel = c;
-            zone.g[17] = int16_t(c == 0 ? -500 : 500);
-            zones.push_back(zone);
-          }
-        } else {
-          zone.channel = -1;
-          zones.push_back(zone);
-        }
-      }
-    }
-    // Global zone: for each generator and slot the value most zones hold, when that is not the
-    // default; zones then write only where they differ. This keeps large banks under the 65535 limit.
-    const ZoneGenerators defaultsG = DefaultZoneGenerators();
-    const ZoneModulators defaultsM = DefaultZoneModulators();
-    ZoneGenerators globalG = defaultsG;
-    ZoneModulators globalM = defaultsM;
-    bool anyGlobal = false;
-    auto commonest = [&](auto valueOf, int16_t fallback) {
-      std::map<int16_t, size_t> counts;
-      for (const ZoneOut& z : zones) ++counts[valueOf(z)];
-      int16_t best = fallback;
-      size_t bestCount = counts.count(fallback) ? counts[fallback] : 0;
-      for (const auto& [value, count] : counts)
-        if (count > bestCount) best = value, bestCount = count;
-      return best;
-    };
-    for (int op = 0; op < kSfGeneratorCount && !zones.empty(); ++op) {
-      if (IsStructural(op)) continue;
-      globalG[size_t(op)] = commonest([op](const ZoneOut& z) { return z.g[size_t(op)]; }, defaultsG[size_t(op)]);
-      anyGlobal = anyGlobal || globalG[size_t(op)] != defaultsG[size_t(op)];
-    }
-    for (int slot = 0; slot < kSfModulatorSlots && !zones.empty(); ++slot) {
-      globalM[size_t(slot)] = commonest([slot](const ZoneOut& z) { return z.m[size_t(slot)]; }, defaultsM[size_t(slot)]);
-      anyGlobal = anyGlobal || globalM[size_t(slot)] != defaultsM[size_t(slot)];
-    }
-    // Preset: a single zone naming the instrument.
-    PutName(t.phdr, instrument->GetName());
-    t.phdr.U16(uint16_t(instrument->Program()));
-    t.phdr.U16(uint16_t(instrument->IsDrumKit() ? 128 : instrument->MajorBank()));
-    t.phdr.U16(uint16_t(t.presetBags));
-    t.phdr.U32(0); t.phdr.U32(0); t.phdr.U32(0);
-    AddBag(t, true);
-    AddGenerator(t, true, 41, int16_t(instIndex));
-    PutName(t.inst, instrument->GetName());
-    t.inst.U16(uint16_t(t.instBags));
-    if (anyGlobal) {
-      AddBag(t, false);
-      for (int op = 0; op < kSfGeneratorCount; ++op)
-        if (globalG[size_t(op)] != defaultsG[size_t(op)]) AddGenerator(t, false, uint16_t(op), globalG[size_t(op)]);
-      for (int slot = 0; slot < kSfModulatorSlots; ++slot)
-        if (globalM[size_t(slot)] != defaultsM[size_t(slot)]) AddModulator(t, slot, globalM[size_t(slot)]);
-    }
-    for (const ZoneOut& z : zones) {
-      const Region& region = *z.region;
-      const WrittenSample& sample = written[size_t(view.WaveIndex(region.GetWave()))];
-      AddBag(t, false);
-      if (region.range.loKey != 0 || region.range.hiKey != 127)
-        AddGenerator(t, false, 43, int16_t(region.range.loKey | region.range.hiKey << 8));
-      if (region.range.loVelocity != 0 || region.range.hiVelocity != 127)
-        AddGenerator(t, false, 44, int16_t(region.range.loVelocity | region.range.hiVelocity << 8));
-      for (int op = 0; op < kSfGeneratorCount; ++op) {
-        if (IsStructural(op)) continue;
-        if (z.g[size_t(op)] != globalG[size_t(op)]) AddGenerator(t, false, uint16_t(op), z.g[size_t(op)]);
-      }
-      if (region.startOffset) {
-        AddGenerator(t, false, 0, Fine(region.startOffset));
-        if (Coarse(region.startOffset)) AddGenerator(t, false, 4, Coarse(region.startOffset));
-      }
-      if (region.endOffset) {
-        AddGenerator(t, false, 1, Fine(region.endOffset));
-        if (Coarse(region.endOffset)) AddGenerator(t, false, 12, Coarse(region.endOffset));
-      }
-      const Waveform* wave = region.GetWave();
-      if (region.overrideFlags & (Region::kOverrideLoopStart | Region::kOverrideLoopEnd)) {
-        const LoopInfo effective = region.EffectiveLoop();
-        const int32_t startShift = int32_t(std::lround(effective.start - wave->loop.start));
-        const int32_t endShift = int32_t(std::lround(effective.end - (wave->loop.end == kLoopEndUnset ? 0 : wave->loop.end)));
-        if (startShift) AddGenerator(t, false, 2, Fine(startShift));
-        if (Coarse(startShift)) AddGenerator(t, false, 45, Coarse(startShift));
-        if (endShift) AddGenerator(t, false, 3, Fine(endShift));
-        if (Coarse(endShift)) AddGenerator(t, false, 50, Coarse(endShift));
-      }
-      const LoopInfo loop = region.EffectiveLoop();
-      if (loop.type != 0) AddGenerator(t, false, 54, int16_t(loop.release ? 3 : 1));
-      const int group = int(region.range.values[202 - kFirstTriggerParam]);
-      if (group > 0) AddGenerator(t, false, 57, int16_t(std::min(group, 32767)));
-      if ((region.overrideFlags & Region::kOverrideRoot) && region.rootKey != wave->rootKey)
-        AddGenerator(t, false, 58, int16_t(region.rootKey));
-      for (int slot = 0; slot < kSfModulatorSlots; ++slot)
-        if (z.m[size_t(slot)] != globalM[size_t(slot)]) AddModulator(t, slot, z.m[size_t(slot)]);
-      AddGenerator(t, false, 53, int16_t(sample.first + uint32_t(std::max(z.channel, 0))));
-    }
-    ++instIndex;
-    if (t.presetGens > kMaxRecords || t.instGens > kMaxRecords || t.presetBags > kMaxRecords ||
-        t.instBags > kMaxRecords || t.instMods > kMaxRecords || instIndex == 0xFFFF)
-      return Fail(kind == BankKind::Sbk ? kSbkTooMuch : kSf2TooMuch);
+  // Presets and instruments, one each per Instrument. A bank too big for the tables in that plain form
+  // is laid out again with velocity splits kept at preset level, the way large banks are made.
+  const char* tooMuch = kind == BankKind::Sbk ? kSbkTooMuch : kSf2TooMuch;
+  const Tables samplesOnly = t;
+  if (!WritePresets(view, written, kind, false, t)) {
+    t = samplesOnly;
+    if (!WritePresets(view, written, kind, true, t)) return Fail(tooMuch);
   }
   // Terminators.
   PutName(t.phdr, "EOP");
