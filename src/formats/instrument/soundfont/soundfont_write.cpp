@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstring>
 #include <cstdio>
+#include <future>
 #include <map>
 #include <tuple>
 #include <unistd.h>
@@ -295,13 +296,13 @@ bool SplitByVelocity(const std::vector<ZoneOut>& zones, std::vector<PresetZone>&
 // Writes each Instrument as one preset over one instrument of the same name. With `splitVelocities`
 // an instrument whose zones form a velocity split keeps the split at preset level. False when a table
 // passes the format's 65535 records.
-bool WritePresets(SaveView& view, const std::vector<WrittenSample>& written, BankKind kind, bool splitVelocities,
-                  Tables& t) {
+bool WritePresets(SaveView& view, const std::vector<std::vector<ZoneOut>>& zonesOf, bool splitVelocities, Tables& t) {
   const ZoneGenerators defaultsG = DefaultZoneGenerators();
   const ZoneModulators defaultsM = DefaultZoneModulators();
   uint16_t instIndex = 0;
-  for (Instrument* instrument : view.Instruments()) {
-    std::vector<ZoneOut> zones = CollectZones(view, written, *instrument, kind);
+  for (size_t i = 0; i < view.Instruments().size(); ++i) {
+    const Instrument* instrument = view.Instruments()[i];
+    std::vector<ZoneOut> zones = zonesOf[i];
     std::vector<PresetZone> presetZones;
     std::vector<ZoneOut> base;
     if (splitVelocities && SplitByVelocity(zones, presetZones, base)) {
@@ -376,6 +377,91 @@ bool WritePresets(SaveView& view, const std::vector<WrittenSample>& written, Ban
   return true;
 }
 
+// Scaled and rounded half away from zero, clamped to the word's range; no branches, so that the
+// loops vectorise.
+template <uint32_t Stride, bool Use24, bool LowBytes>
+void ConvertChannel(const float* samples, uint32_t frames, uint8_t* out) {
+  constexpr float kScale = Use24 ? 8388608.0f : 32768.0f;
+  for (uint32_t f = 0; f < frames; ++f) {
+    const float scaled = std::min(std::max(samples[size_t(f) * Stride] * kScale, -kScale), kScale - 1.0f);
+    const int32_t v = int32_t(scaled + std::copysign(0.5f, scaled));
+    if constexpr (LowBytes) {
+      out[f] = uint8_t(v);
+    } else {
+      const auto word = int16_t(Use24 ? v >> 8 : v);
+      std::memcpy(out + 2 * size_t(f), &word, 2);
+    }
+  }
+}
+
+template <bool Use24, bool LowBytes>
+void ConvertChannel(const float* samples, uint32_t stride, uint32_t frames, uint8_t* out) {
+  if (stride == 1) return ConvertChannel<1, Use24, LowBytes>(samples, frames, out);
+  if (stride == 2) return ConvertChannel<2, Use24, LowBytes>(samples, frames, out);
+  for (uint32_t f = 0; f < frames; ++f)
+    ConvertChannel<1, Use24, LowBytes>(samples + size_t(f) * stride, 1, out + f * (LowBytes ? 1 : 2));
+}
+
+// A run of one channel's frames, or with no samples the zero pad behind a sample.
+struct SamplePiece {
+  const float* from;
+  uint32_t stride;
+  uint32_t frames;
+};
+
+// Writes the 16-bit words of smpl (or with `lowBytes` the low bytes of sm24) for every channel of
+// every wave, each followed by its zero pad. The pieces go in blocks of about a megabyte; a helper
+// thread converts the next block while this one writes the last, since both take about as long.
+bool StreamSampleWords(FileObject& file, const std::vector<Waveform*>& waves, bool use24, bool lowBytes) {
+  constexpr uint32_t kBlockFrames = 1u << 19;
+  const size_t width = lowBytes ? 1 : 2;
+  std::vector<std::vector<SamplePiece>> blocks(1);
+  uint32_t blockFrames = 0;
+  auto add = [&](const float* from, uint32_t stride, uint32_t frames) {
+    while (frames) {
+      if (blockFrames == kBlockFrames) blocks.emplace_back(), blockFrames = 0;
+      const uint32_t count = std::min(frames, kBlockFrames - blockFrames);
+      blocks.back().push_back({from, stride, count});
+      blockFrames += count;
+      frames -= count;
+      if (from) from += size_t(count) * stride;
+    }
+  };
+  for (Waveform* wave : waves) {
+    const float* samples = wave->GetSamplesForRead();
+    const WaveData* data = samples ? wave->Data() : nullptr;
+    const uint32_t stride = data ? data->channels : 1;
+    for (uint32_t c = 0; c < std::min<uint32_t>(stride, 2); ++c) {
+      if (data) add(samples + c, stride, data->frames);
+      add(nullptr, 0, kPadSamples);
+    }
+  }
+  auto convert = [use24, lowBytes, width](const std::vector<SamplePiece>& pieces, std::vector<uint8_t>& out) {
+    out.resize(kBlockFrames * width);
+    uint8_t* at = out.data();
+    for (const SamplePiece& piece : pieces) {
+      if (!piece.from) std::memset(at, 0, piece.frames * width);
+      else if (lowBytes) ConvertChannel<true, true>(piece.from, piece.stride, piece.frames, at);
+      else if (use24) ConvertChannel<true, false>(piece.from, piece.stride, piece.frames, at);
+      else ConvertChannel<false, false>(piece.from, piece.stride, piece.frames, at);
+      at += piece.frames * width;
+    }
+    out.resize(size_t(at - out.data()));
+  };
+  std::vector<uint8_t> buffers[2];
+  convert(blocks[0], buffers[0]);
+  for (size_t b = 0; b < blocks.size(); ++b) {
+    std::future<void> next;
+    if (b + 1 < blocks.size())
+      next = std::async(std::launch::async, convert, std::cref(blocks[b + 1]), std::ref(buffers[(b + 1) % 2]));
+    const std::vector<uint8_t>& ready = buffers[b % 2];
+    const bool written = file.Write(ready.data(), ready.size());
+    if (next.valid()) next.get();
+    if (!written) return false;
+  }
+  return true;
+}
+
 bool WriteBank(Item* item, FileObject* file, const SaveOptions* options, BankKind kind) {
   if (!item || (item->Type() != ItemType::Collection && item->Type() != ItemType::Instrument &&
                 item->Type() != ItemType::Waveform))
@@ -390,99 +476,60 @@ bool WriteBank(Item* item, FileObject* file, const SaveOptions* options, BankKin
     use24 = !waves.empty() && ChooseGroupSaveFormat(constWaves, choice, rate) == kStoragePcm24;
   }
 
-  // Sample data: each channel of each wave, then the zero pad.
-  ByteWriter smpl, sm24;
+  // Sample headers first: every position is known from the lengths before a sample is converted.
   Tables t;
   std::vector<WrittenSample> written(waves.size());
+  ByteWriter compressed;  // the sf3 streams; plain sample data is streamed to the file at the end
+  uint64_t words = 0;     // 16-bit words of smpl
   uint32_t shdrIndex = 0;
-  uint64_t totalFrames = 0;
-  for (const Waveform* wave : waves) totalFrames += uint64_t(wave->length + kPadSamples) * std::max<uint32_t>(wave->channels, 1);
-  if (kind != BankKind::Sf3) smpl.Bytes().reserve(size_t(std::min<uint64_t>(totalFrames * 2, 1ull << 31)));
   for (size_t w = 0; w < waves.size(); ++w) {
     Waveform* wave = waves[w];
     const float* samples = wave->GetSamplesForRead();
-    const uint32_t frames = samples && wave->Data() ? wave->Data()->frames : 0;
-    const uint32_t channels = wave->Data() ? std::min<uint32_t>(wave->Data()->channels, 2) : 1;
-    const uint32_t stride = wave->Data() ? wave->Data()->channels : 1;
+    const WaveData* data = samples ? wave->Data() : nullptr;
+    const uint32_t frames = data ? data->frames : 0;
+    const uint32_t channels = data ? std::min<uint32_t>(data->channels, 2) : 1;
     written[w].first = shdrIndex;
     written[w].channels = uint8_t(channels);
     const LoopInfo loop = wave->loop;
     const bool looped = loop.end != kLoopEndUnset && loop.end > loop.start && frames;
-    for (uint32_t c = 0; c < channels; ++c) {
+    const uint32_t loopStart = looped ? uint32_t(std::max(0.0f, loop.start)) : 0;
+    const uint32_t loopEnd = looped ? uint32_t(std::min(float(frames), loop.end)) : 0;
+    for (uint32_t c = 0; c < channels; ++c, ++shdrIndex) {
+      std::string name = wave->GetName();
+      if (channels == 2) name = name.substr(0, 18) + (c == 0 ? "-L" : "-R");
+      uint32_t start = 0, end = 0, sampleLoopStart = loopStart, sampleLoopEnd = loopEnd;
+      uint16_t type = channels == 2 ? (c == 0 ? 4 : 2) : 1;
       if (kind == BankKind::Sf3) {
         // A whole Ogg Vorbis or FLAC stream per channel; offsets in bytes, loop points relative.
         SetStatus("Compressing: " + wave->GetName(), StatusMode::ProgressLabel);
         std::vector<float> mono(frames);
-        for (uint32_t f = 0; f < frames; ++f) mono[f] = samples[size_t(f) * stride + c];
+        for (uint32_t f = 0; f < frames; ++f) mono[f] = samples[size_t(f) * data->channels + c];
         std::vector<uint8_t> stream;
         if (!EncodeChannel(mono, wave->sampleRate, options ? options->rate : 0.0f, stream)) {
           Ui().Warn("Error!", LastError());
           return false;
         }
-        const uint32_t s = uint32_t(smpl.Size());
-        smpl.Append(stream.data(), stream.size());
-        PutName(t.shdr, channels == 2 ? wave->GetName().substr(0, 18) + (c == 0 ? "-L" : "-R") : wave->GetName());
-        t.shdr.U32(s); t.shdr.U32(uint32_t(smpl.Size()));
-        t.shdr.U32(looped ? uint32_t(std::max(0.0f, loop.start)) : 0);
-        t.shdr.U32(looped ? uint32_t(std::min(float(frames), loop.end)) : 0);
-        t.shdr.U32(wave->sampleRate);
-        t.shdr.U8((wave->interfaceState[1] & kSfUnpitched) ? 255 : std::min<uint8_t>(wave->rootKey, 127));
-        t.shdr.U8(uint8_t(wave->fineTune));
-        t.shdr.U16(uint16_t(channels == 2 ? shdrIndex + (c == 0 ? 1 : -1) : 0));
-        t.shdr.U16(uint16_t((channels == 2 ? (c == 0 ? 4 : 2) : 1) | kTypeCompressedVorbis));
-        ++shdrIndex;
-        continue;
-      }
-      const uint64_t start = smpl.Size() / 2;
-      if (start + frames + kPadSamples > 0xFFFFFFFFull) return Fail("Wave too big - use 64-bit version!");
-      // Straight into the grown buffers: this loop sees every sample of the bank.
-      std::vector<uint8_t>& words = smpl.Bytes();
-      const size_t wordsAt = words.size();
-      words.resize(wordsAt + size_t(frames) * 2);
-      uint8_t* word = words.data() + wordsAt;
-      uint8_t* low = nullptr;
-      if (use24) {
-        sm24.Bytes().resize(sm24.Size() + frames);
-        low = sm24.Bytes().data() + sm24.Size() - frames;
-      }
-      const float scale = use24 ? 8388608.0f : 32768.0f;
-      const int32_t top = use24 ? 8388607 : 32767;
-      if (!use24 && stride == 1) {
-        // Mono 16-bit, the common case: a loop without branches, so that it vectorises.
-        for (uint32_t f = 0; f < frames; ++f) {
-          const float scaled = std::min(std::max(samples[f] * 32768.0f, -32768.0f), 32767.0f);
-          const auto v = int16_t(int32_t(scaled + std::copysign(0.5f, scaled)));  // half away from zero
-          std::memcpy(word + 2 * size_t(f), &v, 2);
-        }
-      }
-      for (uint32_t f = 0; f < frames && (use24 || stride != 1); ++f) {
-        const float scaled = std::clamp(samples[size_t(f) * stride + c], -1.0f, 1.0f) * scale;
-        const int32_t v = std::min(int32_t(scaled < 0 ? scaled - 0.5f : scaled + 0.5f), top);  // half away from zero
-        const int32_t high = use24 ? v >> 8 : v;
-        word[2 * size_t(f)] = uint8_t(high);
-        word[2 * size_t(f) + 1] = uint8_t(high >> 8);
-        if (low) low[f] = uint8_t(v);
-      }
-      smpl.Fill(0, kPadSamples * 2);  // zero samples behind each sample, as players expect
-      if (use24) sm24.Fill(0, kPadSamples);
-      const uint32_t s = uint32_t(start), e = uint32_t(start + frames);
-      const uint32_t loopStart = looped ? s + uint32_t(std::max(0.0f, loop.start)) : s;
-      const uint32_t loopEnd = looped ? s + uint32_t(std::min(float(frames), loop.end)) : s;
-      std::string name = wave->GetName();
-      if (channels == 2) name = name.substr(0, 18) + (c == 0 ? "-L" : "-R");
-      if (kind == BankKind::Sbk) {
-        PutName(t.snam, name);
-        t.shdr.U32(s); t.shdr.U32(e); t.shdr.U32(loopStart); t.shdr.U32(loopEnd);
+        start = uint32_t(compressed.Size());
+        compressed.Append(stream.data(), stream.size());
+        end = uint32_t(compressed.Size());
+        type |= kTypeCompressedVorbis;
       } else {
-        PutName(t.shdr, name);
-        t.shdr.U32(s); t.shdr.U32(e); t.shdr.U32(loopStart); t.shdr.U32(loopEnd);
-        t.shdr.U32(wave->sampleRate);
-        t.shdr.U8((wave->interfaceState[1] & kSfUnpitched) ? 255 : std::min<uint8_t>(wave->rootKey, 127));
-        t.shdr.U8(uint8_t(wave->fineTune));
-        t.shdr.U16(uint16_t(channels == 2 ? shdrIndex + (c == 0 ? 1 : -1) : 0));
-        t.shdr.U16(channels == 2 ? (c == 0 ? 4 : 2) : 1);
+        if (words + frames + kPadSamples > 0xFFFFFFFFull) return Fail("Wave too big - use 64-bit version!");
+        start = uint32_t(words);
+        end = uint32_t(words + frames);
+        sampleLoopStart = looped ? start + loopStart : start;
+        sampleLoopEnd = looped ? start + loopEnd : start;
+        words += frames + kPadSamples;  // zero samples behind each sample, as players expect
       }
-      ++shdrIndex;
+      ByteWriter& names = kind == BankKind::Sbk ? t.snam : t.shdr;
+      PutName(names, name);
+      t.shdr.U32(start); t.shdr.U32(end); t.shdr.U32(sampleLoopStart); t.shdr.U32(sampleLoopEnd);
+      if (kind == BankKind::Sbk) continue;
+      t.shdr.U32(wave->sampleRate);
+      t.shdr.U8((wave->interfaceState[1] & kSfUnpitched) ? 255 : std::min<uint8_t>(wave->rootKey, 127));
+      t.shdr.U8(uint8_t(wave->fineTune));
+      t.shdr.U16(uint16_t(channels == 2 ? shdrIndex + (c == 0 ? 1 : -1) : 0));
+      t.shdr.U16(type);
     }
   }
   if (kind == BankKind::Sbk) {
@@ -496,12 +543,13 @@ bool WriteBank(Item* item, FileObject* file, const SaveOptions* options, BankKin
   // Presets and instruments, one each per Instrument. A bank too big for the tables in that plain form
   // is laid out again with velocity splits kept at preset level, the way large banks are made.
   const char* tooMuch = kind == BankKind::Sbk ? kSbkTooMuch : kSf2TooMuch;
+  std::vector<std::vector<ZoneOut>> zonesOf;
+  for (const Instrument* instrument : view.Instruments()) zonesOf.push_back(CollectZones(view, written, *instrument, kind));
   const Tables samplesOnly = t;
-  if (!WritePresets(view, written, kind, false, t)) {
+  if (!WritePresets(view, zonesOf, false, t)) {
     t = samplesOnly;
-    if (!WritePresets(view, written, kind, true, t)) return Fail(tooMuch);
+    if (!WritePresets(view, zonesOf, true, t)) return Fail(tooMuch);
   }
-  // Terminators.
   PutName(t.phdr, "EOP");
   t.phdr.U16(0); t.phdr.U16(0); t.phdr.U16(uint16_t(t.presetBags));
   t.phdr.U32(0); t.phdr.U32(0); t.phdr.U32(0);
@@ -514,21 +562,33 @@ bool WriteBank(Item* item, FileObject* file, const SaveOptions* options, BankKin
   t.pgen.Fill(0, 4);
   t.igen.Fill(0, 4);
 
-  // The RIFF image.
-  RiffWriter riff;
-  riff.Begin(FourCC("RIFF"), FourCC("sfbk"));
-  const size_t info = riff.Open(FourCC("LIST"));
-  riff.Body().Append("INFO");
+  RiffWriter pdta;  // a LIST chunk is laid out like a RIFF form
+  pdta.Begin(FourCC("LIST"), FourCC("pdta"));
+  pdta.Chunk(FourCC("phdr"), t.phdr.Bytes().data(), t.phdr.Size());
+  pdta.Chunk(FourCC("pbag"), t.pbag.Bytes().data(), t.pbag.Size());
+  pdta.Chunk(FourCC("pmod"), t.pmod.Bytes().data(), t.pmod.Size());
+  pdta.Chunk(FourCC("pgen"), t.pgen.Bytes().data(), t.pgen.Size());
+  pdta.Chunk(FourCC("inst"), t.inst.Bytes().data(), t.inst.Size());
+  pdta.Chunk(FourCC("ibag"), t.ibag.Bytes().data(), t.ibag.Size());
+  pdta.Chunk(FourCC("imod"), t.imod.Bytes().data(), t.imod.Size());
+  pdta.Chunk(FourCC("igen"), t.igen.Bytes().data(), t.igen.Size());
+  pdta.Chunk(FourCC("shdr"), t.shdr.Bytes().data(), t.shdr.Size());
+
+  // Everything before the sample data.
+  RiffWriter head;
+  head.Begin(FourCC("RIFF"), FourCC("sfbk"));
+  const size_t info = head.Open(FourCC("LIST"));
+  head.Body().Append("INFO");
   ByteWriter version;
   // Compressed banks are version 3.0; plain ones 2.01, or 2.04 with 24-bit samples.
   version.U16(kind == BankKind::Sbk ? 1 : kind == BankKind::Sf3 ? 3 : 2);
   version.U16(kind == BankKind::Sf2 ? (use24 ? 4 : 1) : 0);
-  riff.Chunk(FourCC("ifil"), version.Bytes().data(), version.Size());
+  head.Chunk(FourCC("ifil"), version.Bytes().data(), version.Size());
   auto text = [&](uint32_t id, std::string value, size_t maxBytes) {
     value = Utf8ToNarrow(value).substr(0, maxBytes - 1);
     value.push_back('\0');
     if (value.size() & 1) value.push_back('\0');
-    riff.Chunk(id, value.data(), value.size());
+    head.Chunk(id, value.data(), value.size());
   };
   text(FourCC("isng"), "EMU8000", 256);
   Collection& owner = view.Owner();
@@ -539,26 +599,34 @@ bool WriteBank(Item* item, FileObject* file, const SaveOptions* options, BankKin
   if (texts && !texts->GetText(kTextCopyright).empty()) text(FourCC("ICOP"), texts->GetText(kTextCopyright), 256);
   if (texts && !texts->GetText(kTextComments).empty()) text(FourCC("ICMT"), texts->GetText(kTextComments), 65536);
   text(FourCC("ISFT"), "Orlin Studio v12.7", 256);
-  riff.Close(info);
-  const size_t sdta = riff.Open(FourCC("LIST"));
-  riff.Body().Append("sdta");
-  if (kind == BankKind::Sbk) riff.Chunk(FourCC("snam"), t.snam.Bytes().data(), t.snam.Size());
-  riff.Chunk(FourCC("smpl"), smpl.Bytes().data(), smpl.Size());
-  if (use24) riff.Chunk(FourCC("sm24"), sm24.Bytes().data(), sm24.Size());
-  riff.Close(sdta);
-  const size_t pdta = riff.Open(FourCC("LIST"));
-  riff.Body().Append("pdta");
-  riff.Chunk(FourCC("phdr"), t.phdr.Bytes().data(), t.phdr.Size());
-  riff.Chunk(FourCC("pbag"), t.pbag.Bytes().data(), t.pbag.Size());
-  riff.Chunk(FourCC("pmod"), t.pmod.Bytes().data(), t.pmod.Size());
-  riff.Chunk(FourCC("pgen"), t.pgen.Bytes().data(), t.pgen.Size());
-  riff.Chunk(FourCC("inst"), t.inst.Bytes().data(), t.inst.Size());
-  riff.Chunk(FourCC("ibag"), t.ibag.Bytes().data(), t.ibag.Size());
-  riff.Chunk(FourCC("imod"), t.imod.Bytes().data(), t.imod.Size());
-  riff.Chunk(FourCC("igen"), t.igen.Bytes().data(), t.igen.Size());
-  riff.Chunk(FourCC("shdr"), t.shdr.Bytes().data(), t.shdr.Size());
-  riff.Close(pdta);
-  if (!file->Write(riff.Bytes().data(), riff.Bytes().size())) return Fail("Writing to file failed");
+  head.Close(info);
+  const uint64_t smplBytes = kind == BankKind::Sf3 ? compressed.Size() : words * 2;
+  const uint64_t sm24Bytes = use24 ? words : 0;
+  const uint64_t sm24Chunk = use24 ? 8 + sm24Bytes + (sm24Bytes & 1) : 0;
+  const uint64_t sdtaBody = 4 + (kind == BankKind::Sbk ? 8 + t.snam.Size() : 0) + 8 + smplBytes + (smplBytes & 1) + sm24Chunk;
+  const uint64_t riffBody = head.Bytes().size() - 8 + 8 + sdtaBody + pdta.Bytes().size();
+  if (riffBody > 0xFFFFFFFFull) return Fail("Wave too big - use 64-bit version!");
+  ByteWriter& body = head.Body();
+  body.U32(FourCC("LIST"));
+  body.U32(uint32_t(sdtaBody));
+  body.Append("sdta");
+  if (kind == BankKind::Sbk) head.Chunk(FourCC("snam"), t.snam.Bytes().data(), t.snam.Size());
+  body.U32(FourCC("smpl"));
+  body.U32(uint32_t(smplBytes));
+  body.PatchU32(4, uint32_t(riffBody));
+
+  if (!file->Write(head.Bytes().data(), head.Bytes().size())) return Fail("Writing to file failed");
+  bool ok = kind == BankKind::Sf3 ? file->Write(compressed.Bytes().data(), compressed.Size())
+                                  : StreamSampleWords(*file, waves, use24, false);
+  if (ok && (smplBytes & 1)) ok = file->Write("", 1);
+  if (ok && use24) {
+    ByteWriter chunk;
+    chunk.U32(FourCC("sm24"));
+    chunk.U32(uint32_t(sm24Bytes));
+    ok = file->Write(chunk.Bytes().data(), chunk.Size()) && StreamSampleWords(*file, waves, true, true) &&
+         ((sm24Bytes & 1) == 0 || file->Write("", 1));
+  }
+  if (!ok || !file->Write(pdta.Bytes().data(), pdta.Bytes().size())) return Fail("Writing to file failed");
   return true;
 }
 
