@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <map>
+#include <unordered_map>
 #include <unordered_set>
 #include <cmath>
 #include <cstddef>
@@ -162,52 +163,79 @@ Waveform* JoinPair(Collection& collection, Waveform& left, Waveform& right) {
   return stereo;
 }
 
+// The two sides of a pair play as one stereo region only when nothing but their pans and waves tells
+// them apart: a bank that tunes or filters its sides apart keeps them as two panned mono regions.
+bool SidesMatch(const Region& left, const Region& right, const Waveform& leftWave, const Waveform& rightWave) {
+  if (leftWave.rootKey != rightWave.rootKey || leftWave.fineTune != rightWave.fineTune ||
+      !(leftWave.loop == rightWave.loop))
+    return false;
+  // Values only: which level sets a value is bookkeeping of the load, not sound.
+  if (left.range.values != right.range.values || left.startOffset != right.startOffset || left.endOffset != right.endOffset ||
+      left.overrideFlags != right.overrideFlags || left.rootKey != right.rootKey || !(left.loop == right.loop))
+    return false;
+  for (ParamId id = 0; id < kArticulationParamCount; ++id)
+    if (id != kParamPan && left.articulation.Get(id) != right.articulation.Get(id)) return false;
+  return true;
+}
+
 }  // namespace
 
 int MergeDualMono(Collection& collection) {
-  int merged = 0;
-  // A bank plays one sample pair from many regions: each pair becomes one stereo wave, once.
-  std::map<std::pair<uint32_t, uint32_t>, Waveform*> joined;
-  std::vector<Waveform*> replaced;
+  // Region pairs that could play one stereo wave: a hard-left and a hard-right region over the same
+  // keys and velocities, alike in all else.
+  struct Candidate {
+    Region* left;
+    Region* right;
+  };
+  std::map<std::pair<uint32_t, uint32_t>, std::vector<Candidate>> byWaves;
   for (Instrument* instrument : collection.All<Instrument>().ToVector()) {
     std::vector<Region*> regions;
     for (Layer* layer : ChildrenOf<Layer>(*instrument))
       for (Region* region : ChildrenOf<Region>(*layer)) regions.push_back(region);
+    std::vector<bool> taken(regions.size(), false);
     for (Region* left : regions) {
-      if (!left || left->GetParam(kParamPan) != -1.0f) continue;
+      if (left->GetParam(kParamPan) != -1.0f) continue;
       Waveform* leftWave = left->GetWave();
       if (!leftWave || leftWave->channels != 1) continue;
-      for (Region*& right : regions) {
-        if (!right || right == left || right->GetParam(kParamPan) != 1.0f) continue;
+      for (size_t r = 0; r < regions.size(); ++r) {
+        Region* right = regions[r];
+        if (taken[r] || right == left || right->GetParam(kParamPan) != 1.0f) continue;
         Waveform* rightWave = right->GetWave();
         if (!rightWave || rightWave == leftWave || rightWave->channels != 1 ||
             rightWave->length != leftWave->length || rightWave->sampleRate != leftWave->sampleRate)
           continue;
         if (left->range.loKey != right->range.loKey || left->range.hiKey != right->range.hiKey ||
-            left->range.loVelocity != right->range.loVelocity || left->range.hiVelocity != right->range.hiVelocity)
+            left->range.loVelocity != right->range.loVelocity || left->range.hiVelocity != right->range.hiVelocity ||
+            !SidesMatch(*left, *right, *leftWave, *rightWave))
           continue;
-        Waveform*& stereo = joined[{leftWave->id, rightWave->id}];
-        if (!stereo) stereo = JoinPair(collection, *leftWave, *rightWave);
-        if (!stereo) continue;
-        std::replace(left->children.begin(), left->children.end(), leftWave->id, stereo->id);
-        left->SetParam(kParamPan, 0.0f);
-        delete right;
-        right = nullptr;
-        replaced.push_back(leftWave);
-        replaced.push_back(rightWave);
-        ++merged;
+        taken[r] = true;
+        byWaves[{leftWave->id, rightWave->id}].push_back({left, right});
         break;
       }
     }
   }
-  // Mono waves no region plays any more go, each once.
-  std::sort(replaced.begin(), replaced.end());
-  replaced.erase(std::unique(replaced.begin(), replaced.end()), replaced.end());
-  std::unordered_set<uint32_t> played;
+  // A bank plays one sample pair from many regions. The pair becomes one stereo wave only when every
+  // region that plays either side is in such a pair: else the mono waves stay, and the file written
+  // later would hold the same samples twice.
+  std::unordered_map<uint32_t, size_t> playedBy;
   for (Region* region : collection.All<Region>())
-    if (Waveform* wave = region->GetWave()) played.insert(wave->id);
-  for (Waveform* wave : replaced)
-    if (!played.count(wave->id)) delete wave;
+    if (Waveform* wave = region->GetWave()) ++playedBy[wave->id];
+  int merged = 0;
+  for (auto& [waves, pairs] : byWaves) {
+    if (playedBy[waves.first] != pairs.size() || playedBy[waves.second] != pairs.size()) continue;
+    Waveform* leftWave = collection.Find<Waveform>(waves.first);
+    Waveform* rightWave = collection.Find<Waveform>(waves.second);
+    Waveform* stereo = JoinPair(collection, *leftWave, *rightWave);
+    if (!stereo) continue;
+    for (const Candidate& pair : pairs) {
+      std::replace(pair.left->children.begin(), pair.left->children.end(), leftWave->id, stereo->id);
+      pair.left->SetParam(kParamPan, 0.0f);
+      delete pair.right;
+      ++merged;
+    }
+    delete leftWave;
+    delete rightWave;
+  }
   return merged;
 }
 

@@ -380,7 +380,7 @@ void ArticulationToZone(const Articulation& art, ZoneGenerators& g, ZoneModulato
     m[64] = Clamp16(art.Get(37) * 10.0, -960, 960);
     m[65] = Clamp16(art.Get(38) * 10.0, -960, 960);
   }
-  g[48] = Clamp16(volume / -0.04, 0, 1440);
+  g[48] = Clamp16(volume / -0.04, -1440, 1440);  // below zero a gain; the writer keeps it at preset level
   g[17] = Clamp16(art.Get(kPan) / 0.002, -500, 500);
   m[60] = Clamp16(art.Get(52) / 0.002, -1000, 1000);
   m[59] = Clamp16(art.Get(53) / 0.000375, -32768, 32767);

@@ -310,6 +310,13 @@ bool WritePresets(SaveView& view, const std::vector<std::vector<ZoneOut>>& zones
     } else {
       presetZones.assign(1, PresetZone{});
     }
+    // Attenuation below zero is a gain: players take it so when they sum the levels, but an
+    // instrument zone may not hold it. The part below zero moves into the preset zones, whose
+    // values are offsets.
+    int16_t lowest = 0;
+    for (const ZoneOut& z : zones) lowest = std::min(lowest, z.g[48]);
+    for (ZoneOut& z : zones) z.g[48] = int16_t(z.g[48] - lowest);
+    for (PresetZone& preset : presetZones) preset.g[48] = int16_t(preset.g[48] + lowest);
     // Global zone: for each generator and slot the value most zones hold, when that is not the
     // default; zones then write only where they differ.
     ZoneGenerators globalG = defaultsG;
