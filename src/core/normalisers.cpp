@@ -5,6 +5,7 @@
 #include "core/pcm.h"
 
 #include <algorithm>
+#include <cctype>
 #include <map>
 #include <unordered_map>
 #include <unordered_set>
@@ -128,6 +129,31 @@ int SplitStereo(Collection& collection) {
 
 namespace {
 
+// The name of a joined pair: the two names without the letter that tells the sides apart, and the
+// brackets or separator around it. "Flute L" and "Flute R", "Alto D4(L)" and "Alto D4(R)", "kick_l"
+// and "kick_r" make "Flute", "Alto D4", "kick". Other names keep the left one's.
+std::string StereoName(const std::string& left, const std::string& right) {
+  if (left.size() != right.size()) return left;
+  size_t at = std::string::npos;
+  for (size_t i = 0; i < left.size(); ++i) {
+    if (left[i] == right[i]) continue;
+    if (at != std::string::npos) return left;
+    at = i;
+  }
+  if (at == std::string::npos || std::tolower(static_cast<unsigned char>(left[at])) != 'l' ||
+      std::tolower(static_cast<unsigned char>(right[at])) != 'r')
+    return left;
+  std::string name = left;
+  size_t from = at, to = at + 1;
+  if (from > 0 && to < name.size() && ((name[from - 1] == '(' && name[to] == ')') || (name[from - 1] == '[' && name[to] == ']')))
+    --from, ++to;
+  while (from > 0 && (name[from - 1] == ' ' || name[from - 1] == '_' || name[from - 1] == '-' || name[from - 1] == '.') &&
+         to == name.size())
+    --from;
+  name.erase(from, to - from);
+  return name.empty() ? left : name;
+}
+
 // One stereo wave for a left and a right mono wave. Both read by the generic decoder from the same file
 // in the same format: the stereo wave reads them as sequential stereo, decoding nothing now. Both already
 // decoded: the samples are interleaved now. Otherwise the pair stays dual mono (null).
@@ -137,10 +163,7 @@ Waveform* JoinPair(Collection& collection, Waveform& left, Waveform& right) {
                     left.GetSourcePath() == right.GetSourcePath();
   if (!lazy && !(left.Data() && right.Data())) return nullptr;
   auto* stereo = new Waveform(&collection, left, false, "");
-  std::string name = left.GetName();
-  // "Flute L" and "Flute R" make "Flute".
-  if (name.size() > 2 && name[name.size() - 2] == ' ' && (name.back() == 'L' || name.back() == 'l')) name.resize(name.size() - 2);
-  stereo->SetName(name);
+  stereo->SetName(StereoName(left.GetName(), right.GetName()));
   stereo->channels = 2;
   if (lazy) {
     stereo->sourceFormat |= kSourceSequentialStereo;

@@ -2,6 +2,9 @@
 // wave then merging the mono pair gives back the samples and one region.
 #include <gtest/gtest.h>
 
+#include <tuple>
+#include <vector>
+
 #include "core/collection.h"
 #include "core/normalisers.h"
 
@@ -65,6 +68,55 @@ TEST(Normalisers, SplitThenMergeRestoresTheStereoWave) {
   for (int i = 0; i < 200; ++i) ASSERT_EQ(s[i], float(i));
   Region* region = *collection.All<Region>().begin();
   EXPECT_EQ(region->GetParam(51), 0.0f);
+}
+
+// A hard-left and a hard-right region over the same keys, playing two mono waves of one length.
+struct DualMono {
+  Collection collection;
+  Waveform* left = nullptr;
+  Waveform* right = nullptr;
+  Instrument* instrument = nullptr;
+  Region* leftRegion = nullptr;
+  Region* rightRegion = nullptr;
+  DualMono(const char* leftName, const char* rightName) {
+    left = Ramp(collection, 50, 1);
+    right = Ramp(collection, 50, 1);
+    left->SetName(leftName);
+    right->SetName(rightName);
+    instrument = new Instrument(&collection);
+    leftRegion = instrument->AddRegion(left->id, kFullRange, kFullRange, -1);
+    rightRegion = instrument->AddRegion(right->id, kFullRange, kFullRange, -1);
+    leftRegion->SetParam(51, -1.0f);
+    rightRegion->SetParam(51, 1.0f);
+  }
+};
+
+TEST(Normalisers, DualMonoJoinsOnlySidesThatPlayAlike) {
+  for (const auto& [leftName, rightName, joined] :
+       std::vector<std::tuple<const char*, const char*, const char*>>{{"Alto D4(L)", "Alto D4(R)", "Alto D4"},
+                                                                    {"Flute L", "Flute R", "Flute"},
+                                                                    {"kick_l", "kick_r", "kick"},
+                                                                    {"Left one", "Other", "Left one"}}) {
+    DualMono pair(leftName, rightName);
+    EXPECT_EQ(MergeDualMono(pair.collection), 1);
+    EXPECT_EQ((*pair.collection.All<Waveform>().begin())->GetName(), joined);
+  }
+  {
+    // Sides tuned apart stay two mono regions: one stereo wave would lose the detune.
+    DualMono pair("Str L", "Str R");
+    pair.rightRegion->SetParam(0, 0.05f);
+    EXPECT_EQ(MergeDualMono(pair.collection), 0);
+    EXPECT_EQ(pair.collection.CountOf(ItemType::Waveform), 2u);
+  }
+  {
+    // A side also played on its own elsewhere keeps the pair apart everywhere, so that no sample
+    // is saved twice, once in a stereo wave and once alone.
+    DualMono pair("Str L", "Str R");
+    auto* solo = new Instrument(&pair.collection);
+    solo->AddRegion(pair.left->id, kFullRange, kFullRange, -1);
+    EXPECT_EQ(MergeDualMono(pair.collection), 0);
+    EXPECT_EQ(pair.collection.CountOf(ItemType::Waveform), 2u);
+  }
 }
 
 }  // namespace
