@@ -552,6 +552,70 @@ TEST(SoundFontWrite, BanksOverTheTableLimitsKeepVelocitySplitsInThePresets) {
   EXPECT_LE(tables.instrumentGenerators.size(), 65536u);
 }
 
+TEST(SoundFontWrite, BanksPastTheTableLimitsFailAndKeepTheOldFile) {
+  // 300 instruments of 128 one-key regions: 38400 zones, two generators each at least, and no
+  // velocity split to fall back on.
+  Collection collection;
+  auto* wave = new Waveform(&collection);
+  wave->SetName("click");
+  wave->length = 16;
+  wave->sampleRate = 22050;
+  std::fill_n(wave->AllocSamples(), 16, 0.25f);
+  for (int i = 0; i < 300; ++i) {
+    auto* instrument = new Instrument(&collection);
+    instrument->SetName("kit " + std::to_string(i));
+    instrument->SetPatch(i / 128, 0, i % 128, false);
+    for (int key = 0; key < 128; ++key) instrument->AddRegion(wave->id, PackRange(key, key), kFullRange, -1);
+  }
+  ScratchDir dir;
+  for (const auto& [extension, text] : {std::pair{"sf2", "Save failed - Too much data!"},
+                                        std::pair{"sbk", "Save failed - Too many 'parameter' values!"}}) {
+    const int32_t row = FindWriteRow(extension, kMaskCollection);
+    ASSERT_GE(row, 0);
+    const std::string path = dir.File(std::string("bank.") + extension);
+    test::WriteBytes(path, {1, 2, 3});
+    EXPECT_FALSE(SaveWithBackup(&collection, path, row, DefaultSaveOptions(row), false));
+    EXPECT_EQ(LastError().rfind(text, 0), 0u) << LastError();
+    std::string kept;
+    ASSERT_TRUE(ReadWholeFile(path, kept));
+    EXPECT_EQ(kept, std::string("\x01\x02\x03"));  // the old file, whole; no partial bank
+    EXPECT_FALSE(std::filesystem::exists(path + ".bak"));
+  }
+}
+
+TEST(SoundFontWrite, GainsAboveUnityStandAtPresetLevel) {
+  // A region louder than unity needs attenuation below zero, which only a preset zone may hold.
+  Collection collection;
+  auto* wave = new Waveform(&collection);
+  wave->SetName("tone");
+  wave->length = 64;
+  std::fill_n(wave->AllocSamples(), 64, 0.1f);
+  auto* instrument = new Instrument(&collection);
+  instrument->SetName("loud");
+  Region* loud = instrument->AddRegion(wave->id, PackRange(0, 63), kFullRange, -1);
+  Region* quiet = instrument->AddRegion(wave->id, PackRange(64, 127), kFullRange, -1);
+  loud->SetParam(kParamMasterVolume, 6.0f);
+  quiet->SetParam(kParamMasterVolume, -3.0f);
+  ScratchDir dir;
+  const int32_t row = FindWriteRow("sf2", kMaskCollection);
+  const std::string path = dir.File("loud.sf2");
+  ASSERT_TRUE(SaveItem(&collection, row, path, DefaultSaveOptions(row))) << LastError();
+  FileObject file;
+  ASSERT_TRUE(file.Open(path, FileMode::Read));
+  SoundFontFile tables;
+  ASSERT_TRUE(ReadSoundFontTables(file, tables));
+  for (const SfGenerator& generator : tables.instrumentGenerators) {
+    if (generator.op == 48) {
+      EXPECT_GE(generator.amount, 0);
+    }
+  }
+  Collection back;
+  ASSERT_TRUE(ReadRaw(back, path)) << LastError();
+  std::vector<float> volumes;
+  for (Region* region : back.All<Region>()) volumes.push_back(region->articulation.Get(kParamMasterVolume));
+  EXPECT_EQ(volumes, (std::vector<float>{6.0f, -3.0f}));
+}
+
 TEST(SoundFontWrite, TwentyFourBitWavesKeepTheirLowByte) {
   ScratchDir dir;
   Collection collection;

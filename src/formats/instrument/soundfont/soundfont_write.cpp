@@ -322,13 +322,20 @@ bool WritePresets(SaveView& view, const std::vector<std::vector<ZoneOut>>& zones
     ZoneGenerators globalG = defaultsG;
     ZoneModulators globalM = defaultsM;
     bool anyGlobal = false;
-    auto commonest = [&zones](auto valueOf, int16_t fallback) {
-      std::map<int16_t, size_t> counts;
-      for (const ZoneOut& z : zones) ++counts[valueOf(z)];
+    // The value most zones hold; on a tie the default, else the smallest.
+    std::vector<int16_t> values(zones.size());
+    auto commonest = [&zones, &values](auto valueOf, int16_t fallback) {
+      for (size_t z = 0; z < zones.size(); ++z) values[z] = valueOf(zones[z]);
+      std::sort(values.begin(), values.end());
+      const auto [first, last] = std::equal_range(values.begin(), values.end(), fallback);
       int16_t best = fallback;
-      size_t bestCount = counts.count(fallback) ? counts[fallback] : 0;
-      for (const auto& [value, count] : counts)
-        if (count > bestCount) best = value, bestCount = count;
+      size_t bestCount = size_t(last - first);
+      for (size_t run = 0; run < values.size();) {
+        size_t end = run + 1;
+        while (end < values.size() && values[end] == values[run]) ++end;
+        if (end - run > bestCount) best = values[run], bestCount = end - run;
+        run = end;
+      }
       return best;
     };
     for (int op = 0; op < kSfGeneratorCount && !zones.empty(); ++op) {
@@ -435,11 +442,11 @@ bool StreamSampleWords(FileObject& file, const std::vector<Waveform*>& waves, bo
     }
   };
   for (Waveform* wave : waves) {
-    const float* samples = wave->GetSamplesForRead();
-    const WaveData* data = samples ? wave->Data() : nullptr;
+    // Decoded by the sample headers' pass; a wave that failed there is written empty here too.
+    const WaveData* data = wave->Data();
     const uint32_t stride = data ? data->channels : 1;
     for (uint32_t c = 0; c < std::min<uint32_t>(stride, 2); ++c) {
-      if (data) add(samples + c, stride, data->frames);
+      if (data) add(data->samples + c, stride, data->frames);
       add(nullptr, 0, kPadSamples);
     }
   }
@@ -466,6 +473,42 @@ bool StreamSampleWords(FileObject& file, const std::vector<Waveform*>& waves, bo
     if (next.valid()) next.get();
     if (!written) return false;
   }
+  return true;
+}
+
+// Presets and instruments, one each per Instrument, then the pdta list. A bank too big for the tables
+// in that plain form is laid out again with velocity splits kept at preset level, the way large banks
+// are made. False when even that passes the 65535 records.
+bool LayOutTables(SaveView& view, const std::vector<WrittenSample>& written, BankKind kind, Tables& t, RiffWriter& pdta) {
+  std::vector<std::vector<ZoneOut>> zonesOf;
+  for (const Instrument* instrument : view.Instruments()) zonesOf.push_back(CollectZones(view, written, *instrument, kind));
+  const Tables samplesOnly = t;
+  if (!WritePresets(view, zonesOf, false, t)) {
+    t = samplesOnly;
+    if (!WritePresets(view, zonesOf, true, t)) return false;
+  }
+  PutName(t.phdr, "EOP");
+  t.phdr.U16(0); t.phdr.U16(0); t.phdr.U16(uint16_t(t.presetBags));
+  t.phdr.U32(0); t.phdr.U32(0); t.phdr.U32(0);
+  AddBag(t, true);
+  PutName(t.inst, "EOI");
+  t.inst.U16(uint16_t(t.instBags));
+  AddBag(t, false);
+  t.pmod.Fill(0, 10);
+  t.imod.Fill(0, 10);
+  t.pgen.Fill(0, 4);
+  t.igen.Fill(0, 4);
+
+  pdta.Begin(FourCC("LIST"), FourCC("pdta"));
+  pdta.Chunk(FourCC("phdr"), t.phdr.Bytes().data(), t.phdr.Size());
+  pdta.Chunk(FourCC("pbag"), t.pbag.Bytes().data(), t.pbag.Size());
+  pdta.Chunk(FourCC("pmod"), t.pmod.Bytes().data(), t.pmod.Size());
+  pdta.Chunk(FourCC("pgen"), t.pgen.Bytes().data(), t.pgen.Size());
+  pdta.Chunk(FourCC("inst"), t.inst.Bytes().data(), t.inst.Size());
+  pdta.Chunk(FourCC("ibag"), t.ibag.Bytes().data(), t.ibag.Size());
+  pdta.Chunk(FourCC("imod"), t.imod.Bytes().data(), t.imod.Size());
+  pdta.Chunk(FourCC("igen"), t.igen.Bytes().data(), t.igen.Size());
+  pdta.Chunk(FourCC("shdr"), t.shdr.Bytes().data(), t.shdr.Size());
   return true;
 }
 
@@ -547,40 +590,6 @@ bool WriteBank(Item* item, FileObject* file, const SaveOptions* options, BankKin
     t.shdr.Fill(0, 26);
   }
 
-  // Presets and instruments, one each per Instrument. A bank too big for the tables in that plain form
-  // is laid out again with velocity splits kept at preset level, the way large banks are made.
-  const char* tooMuch = kind == BankKind::Sbk ? kSbkTooMuch : kSf2TooMuch;
-  std::vector<std::vector<ZoneOut>> zonesOf;
-  for (const Instrument* instrument : view.Instruments()) zonesOf.push_back(CollectZones(view, written, *instrument, kind));
-  const Tables samplesOnly = t;
-  if (!WritePresets(view, zonesOf, false, t)) {
-    t = samplesOnly;
-    if (!WritePresets(view, zonesOf, true, t)) return Fail(tooMuch);
-  }
-  PutName(t.phdr, "EOP");
-  t.phdr.U16(0); t.phdr.U16(0); t.phdr.U16(uint16_t(t.presetBags));
-  t.phdr.U32(0); t.phdr.U32(0); t.phdr.U32(0);
-  AddBag(t, true);
-  PutName(t.inst, "EOI");
-  t.inst.U16(uint16_t(t.instBags));
-  AddBag(t, false);
-  t.pmod.Fill(0, 10);
-  t.imod.Fill(0, 10);
-  t.pgen.Fill(0, 4);
-  t.igen.Fill(0, 4);
-
-  RiffWriter pdta;  // a LIST chunk is laid out like a RIFF form
-  pdta.Begin(FourCC("LIST"), FourCC("pdta"));
-  pdta.Chunk(FourCC("phdr"), t.phdr.Bytes().data(), t.phdr.Size());
-  pdta.Chunk(FourCC("pbag"), t.pbag.Bytes().data(), t.pbag.Size());
-  pdta.Chunk(FourCC("pmod"), t.pmod.Bytes().data(), t.pmod.Size());
-  pdta.Chunk(FourCC("pgen"), t.pgen.Bytes().data(), t.pgen.Size());
-  pdta.Chunk(FourCC("inst"), t.inst.Bytes().data(), t.inst.Size());
-  pdta.Chunk(FourCC("ibag"), t.ibag.Bytes().data(), t.ibag.Size());
-  pdta.Chunk(FourCC("imod"), t.imod.Bytes().data(), t.imod.Size());
-  pdta.Chunk(FourCC("igen"), t.igen.Bytes().data(), t.igen.Size());
-  pdta.Chunk(FourCC("shdr"), t.shdr.Bytes().data(), t.shdr.Size());
-
   // Everything before the sample data.
   RiffWriter head;
   head.Begin(FourCC("RIFF"), FourCC("sfbk"));
@@ -611,8 +620,7 @@ bool WriteBank(Item* item, FileObject* file, const SaveOptions* options, BankKin
   const uint64_t sm24Bytes = use24 ? words : 0;
   const uint64_t sm24Chunk = use24 ? 8 + sm24Bytes + (sm24Bytes & 1) : 0;
   const uint64_t sdtaBody = 4 + (kind == BankKind::Sbk ? 8 + t.snam.Size() : 0) + 8 + smplBytes + (smplBytes & 1) + sm24Chunk;
-  const uint64_t riffBody = head.Bytes().size() - 8 + 8 + sdtaBody + pdta.Bytes().size();
-  if (riffBody > 0xFFFFFFFFull) return Fail("Wave too big - use 64-bit version!");
+  if (sdtaBody > 0xFFFFFFFFull) return Fail("Wave too big - use 64-bit version!");
   ByteWriter& body = head.Body();
   body.U32(FourCC("LIST"));
   body.U32(uint32_t(sdtaBody));
@@ -620,8 +628,12 @@ bool WriteBank(Item* item, FileObject* file, const SaveOptions* options, BankKin
   if (kind == BankKind::Sbk) head.Chunk(FourCC("snam"), t.snam.Bytes().data(), t.snam.Size());
   body.U32(FourCC("smpl"));
   body.U32(uint32_t(smplBytes));
-  body.PatchU32(4, uint32_t(riffBody));
 
+  // The preset tables are laid out on a helper thread while the samples are written; the outer
+  // size, which depends on them, is put in at the end.
+  RiffWriter pdta;  // a LIST chunk is laid out like a RIFF form
+  std::future<bool> tables =
+      std::async(std::launch::async, [&] { return LayOutTables(view, written, kind, t, pdta); });
   if (!file->Write(head.Bytes().data(), head.Bytes().size())) return Fail("Writing to file failed");
   bool ok = kind == BankKind::Sf3 ? file->Write(compressed.Bytes().data(), compressed.Size())
                                   : StreamSampleWords(*file, waves, use24, false);
@@ -633,7 +645,13 @@ bool WriteBank(Item* item, FileObject* file, const SaveOptions* options, BankKin
     ok = file->Write(chunk.Bytes().data(), chunk.Size()) && StreamSampleWords(*file, waves, true, true) &&
          ((sm24Bytes & 1) == 0 || file->Write("", 1));
   }
+  if (!tables.get()) return Fail(kind == BankKind::Sbk ? kSbkTooMuch : kSf2TooMuch);
   if (!ok || !file->Write(pdta.Bytes().data(), pdta.Bytes().size())) return Fail("Writing to file failed");
+  const uint64_t riffBody = head.Bytes().size() - 8 + smplBytes + (smplBytes & 1) + sm24Chunk + pdta.Bytes().size();
+  if (riffBody > 0xFFFFFFFFull) return Fail("Wave too big - use 64-bit version!");
+  ByteWriter size;
+  size.U32(uint32_t(riffBody));
+  if (!file->Seek(4) || !file->Write(size.Bytes().data(), 4)) return Fail("Writing to file failed");
   return true;
 }
 
