@@ -4,6 +4,7 @@
 #include "core/articulation.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -222,9 +223,20 @@ void Articulation::CopyRange(const Articulation& from, ParamId first, ParamId la
 }
 
 void Articulation::Clamp() {
+  // Most values of a large bank are defaults; those that the grid and bounds leave as they are need
+  // no rounding. Runs before every save over every item, so the check pays.
+  static const std::array<bool, kArticulationParamCount> defaultIsClean = [] {
+    std::array<bool, kArticulationParamCount> clean{};
+    for (ParamId id = 0; id < kArticulationParamCount; ++id) {
+      const ParamInfo& row = kParamRows[id];
+      clean[id] = row.kind == kKindNone ||
+                  std::clamp(RoundToGrid(row.kind, row.defaultValue), row.minValue, row.maxValue) == row.defaultValue;
+    }
+    return clean;
+  }();
   for (ParamId id = 0; id < kArticulationParamCount; ++id) {
     const ParamInfo& row = kParamRows[id];
-    if (row.kind == kKindNone) continue;
+    if (row.kind == kKindNone || (defaultIsClean[id] && values_[id] == row.defaultValue)) continue;
     float value = values_[id];
     if (!std::isfinite(value)) value = row.defaultValue;
     values_[id] = std::clamp(RoundToGrid(row.kind, value), row.minValue, row.maxValue);
