@@ -1,11 +1,15 @@
 // Packed SoundFont banks: an outside bank whose smpl chunk is re-encoded as one WavPack stream (by
 // the wavpack tool, and by our encoder, whose stream wvunpack must decode) reads back to the same
-// samples and zones; sfArk archives are refused or unpacked as the add-on and header allow.
+// samples and zones; sfArk archives are refused or unpacked as the add-on and header allow, and an
+// archive from our own small packer unpacks through the real library to the original bank.
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <string>
+#include <vector>
 
 #include "core/collection.h"
 #include "core/file_object.h"
@@ -182,6 +186,141 @@ TEST(PackedSoundFont, MissingWavPackAddonFailsTheSampleWithItsText) {
   EXPECT_NE(waves[0]->GetSamplesForRead(), nullptr) << LastError();
 }
 
+// A test-only sfArk v2 packer, so that a real unpack by libsfark can be checked; no packer exists
+// for Linux. An archive is a header, then one bit stream:
+//  - header (little-endian): flags 0, original size 4, archive size 8, content check 12, header
+//    check 16 (Adler-32 from 0 over the header with this field zeroed), version needed 20, creator
+//    version text 21, "sfArk" 26, method 31, file type 32, audio start 34, audio end 38, and the
+//    original file name with its NUL at 42, which ends the header;
+//  - the bank's bytes before the smpl data, in runs of a 32-bit length and a zlib stream;
+//  - the smpl data in blocks of 4096 words (method 4, "Turbo"): the number of difference passes,
+//    then per window of 256 words a width code (14: sixteen raw bits a word);
+//  - the bytes after the smpl data, in zlib runs as before.
+// The content check is Adler-32 from 0 over the zlib runs' bytes; with no difference passes the
+// audio adds nothing to it. Our runs are zlib streams of stored blocks: nothing here compresses.
+// Bits go out most significant first, sixteen to a little-endian word, as the unpacker reads them.
+class SfArkBits {
+ public:
+  void Put(uint32_t value, int count) {
+    for (int bit = count - 1; bit >= 0; --bit) PutBit((value >> bit) & 1);
+  }
+  // A change from the previous value: that many zeros, a one, then the sign if it moved.
+  void PutDelta(int delta) {
+    for (int i = 0; i < std::abs(delta); ++i) PutBit(0);
+    PutBit(1);
+    if (delta != 0) PutBit(delta < 0);
+  }
+  void PutBytes(const uint8_t* bytes, size_t count) {
+    for (size_t i = 0; i < count; ++i) Put(bytes[i], 8);
+  }
+  std::vector<uint8_t> Finish() {
+    while (used_ != 0) PutBit(0);
+    // The reader fetches a word ahead; two spare words keep it from running off the end.
+    for (int i = 0; i < 2; ++i) words_.push_back(0);
+    std::vector<uint8_t> out;
+    for (uint16_t word : words_) out.insert(out.end(), {uint8_t(word), uint8_t(word >> 8)});
+    return out;
+  }
+
+ private:
+  void PutBit(uint32_t bit) {
+    word_ = uint16_t(word_ << 1 | bit);
+    if (++used_ == 16) {
+      words_.push_back(word_);
+      word_ = 0;
+      used_ = 0;
+    }
+  }
+  std::vector<uint16_t> words_;
+  uint16_t word_ = 0;
+  int used_ = 0;
+};
+
+uint32_t Adler32(uint32_t seed, const uint8_t* bytes, size_t count) {
+  uint32_t low = seed & 0xffff, high = seed >> 16;
+  for (size_t i = 0; i < count; ++i) {
+    low = (low + bytes[i]) % 65521;
+    high = (high + low) % 65521;
+  }
+  return high << 16 | low;
+}
+
+void SetLe32(uint8_t* at, uint32_t value) {
+  for (int i = 0; i < 4; ++i) at[i] = uint8_t(value >> (8 * i));
+}
+
+// Bytes outside the sample data: zlib streams of one stored deflate block each, behind their length.
+void PutStoredRun(SfArkBits& bits, uint32_t& check, const uint8_t* bytes, size_t count) {
+  constexpr size_t kRun = 60000;  // under both the 64 KiB stored-block and the 256 KiB unpack limits
+  for (size_t at = 0; at < count; at += kRun) {
+    const uint16_t length = uint16_t(std::min(kRun, count - at));
+    std::vector<uint8_t> stream = {0x78, 0x01, 0x01, uint8_t(length), uint8_t(length >> 8),
+                                   uint8_t(~length), uint8_t(~length >> 8)};
+    stream.insert(stream.end(), bytes + at, bytes + at + length);
+    const uint32_t adler = Adler32(1, bytes + at, length);
+    for (int shift = 24; shift >= 0; shift -= 8) stream.push_back(uint8_t(adler >> shift));
+    uint8_t size[4];
+    SetLe32(size, uint32_t(stream.size()));
+    bits.PutBytes(size, 4);
+    bits.PutBytes(stream.data(), stream.size());
+    check = Adler32(check, bytes + at, length);
+  }
+}
+
+// The smpl chunk's data: where the archive's audio section begins and ends.
+bool FindSampleData(const std::vector<uint8_t>& sf2, uint32_t* begin, uint32_t* end) {
+  auto le32 = [&](size_t at) { return Le32(&sf2[at]); };
+  for (size_t at = 12; at + 12 <= sf2.size(); at += 8 + ((le32(at + 4) + 1) & ~1u)) {
+    if (std::memcmp(&sf2[at], "LIST", 4) != 0 || std::memcmp(&sf2[at + 8], "sdta", 4) != 0) continue;
+    const size_t listEnd = std::min(sf2.size(), at + 8 + le32(at + 4));
+    for (size_t sub = at + 12; sub + 8 <= listEnd; sub += 8 + ((le32(sub + 4) + 1) & ~1u))
+      if (std::memcmp(&sf2[sub], "smpl", 4) == 0 && sub + 8 + le32(sub + 4) <= sf2.size()) {
+        *begin = uint32_t(sub + 8);
+        *end = *begin + le32(sub + 4);
+        return *end > *begin;
+      }
+  }
+  return false;
+}
+
+std::vector<uint8_t> PackSfArk(const std::vector<uint8_t>& sf2, const std::string& name) {
+  uint32_t audioStart = 0, audioEnd = 0;
+  if (!FindSampleData(sf2, &audioStart, &audioEnd)) return {};
+  SfArkBits bits;
+  uint32_t check = 0;
+  PutStoredRun(bits, check, sf2.data(), audioStart);
+  // Turbo blocks of 4096 words with no differencing; every 256-word window stored raw (window
+  // code 14, sent as a change from the previous window's code, which starts at 8).
+  int windowCode = 8;
+  for (uint32_t at = audioStart; at < audioEnd; at += 8192) {
+    const uint32_t words = std::min<uint32_t>(4096, (audioEnd - at) / 2);
+    bits.PutDelta(0);  // no difference passes; the check then covers only the bytes around the audio
+    for (uint32_t word = 0; word < words; ++word) {
+      if (word % 256 == 0) {
+        bits.PutDelta(14 - windowCode);
+        windowCode = 14;
+      }
+      bits.Put(uint32_t(sf2[at + 2 * word] | sf2[at + 2 * word + 1] << 8), 16);
+    }
+  }
+  PutStoredRun(bits, check, sf2.data() + audioEnd, sf2.size() - audioEnd);
+  const std::vector<uint8_t> body = bits.Finish();
+
+  std::vector<uint8_t> out(42 + name.size() + 1, 0);
+  SetLe32(&out[4], uint32_t(sf2.size()));
+  SetLe32(&out[8], uint32_t(out.size() + body.size()));
+  SetLe32(&out[12], check);
+  out[20] = 20;  // unpacker version 2.0 or later
+  std::memcpy(&out[21], " 2.00sfArk", 10);
+  out[31] = 4;   // Turbo
+  SetLe32(&out[34], audioStart);
+  SetLe32(&out[38], audioEnd);
+  std::memcpy(&out[42], name.data(), name.size());
+  SetLe32(&out[16], Adler32(0, out.data(), out.size()));
+  out.insert(out.end(), body.begin(), body.end());
+  return out;
+}
+
 // A 298-byte sfArk v2 header: "sfArk" at 26, the compression method at 31.
 std::vector<uint8_t> SfArkHeader(uint8_t method) {
   std::vector<uint8_t> head(298, 0);
@@ -233,6 +372,35 @@ TEST(SfArk, MissingAddonGivesItsText) {
   EXPECT_EQ(LastError(), addons::kSfArkMissing);
   EXPECT_NE(std::find(ui.statusLines.begin(), ui.statusLines.end(), "Decompressing sfArk"), ui.statusLines.end());
   ASSERT_TRUE(addons::HideAddonForTest("sfark", false));
+}
+
+TEST(SfArk, PackedBankUnpacksBesideTheArchiveAsTheOriginal) {
+  ORLIN_REQUIRE_TESTDATA();
+  ScratchDir dir;
+  if (addons::UnpackSfArk("/nonexistent", dir.File("none.sf2")) == addons::kSfArkNotLoaded)
+    GTEST_SKIP() << "libsfark is not installed";
+  // A small bank, and one whose audio spans many blocks and ends in a short one.
+  for (const char* name : {"fluidsynth-testdata/1496.sf2", "sbk/Uplift.sf2"}) {
+    SCOPED_TRACE(name);
+    const std::filesystem::path original = test::TestDataDir() / "soundfont" / name;
+    const std::vector<uint8_t> bank = test::ReadBytes(original.string());
+    const std::vector<uint8_t> archive = PackSfArk(bank, original.filename().string());
+    ASSERT_FALSE(archive.empty());
+    const std::string stem = original.stem().string();
+    const std::string path = dir.File(stem + ".sfArk");
+    test::WriteBytes(path, archive);
+    Collection direct;
+    ASSERT_TRUE(LoadFile(direct, original.string(), false)) << LastError();
+    // A second open finds the first unpacked bank in the way and takes the next name.
+    for (const std::string& unpacked : {dir.File(stem + ".sf2"), dir.File(stem + " 1.sf2")}) {
+      Collection collection;
+      ASSERT_TRUE(LoadFile(collection, path, false)) << LastError();
+      ASSERT_TRUE(std::filesystem::exists(unpacked)) << unpacked;
+      EXPECT_TRUE(test::ReadBytes(unpacked) == bank) << unpacked;
+      ExpectSameBank(direct, collection);
+      for (Waveform* wave : WavesOf(collection)) EXPECT_EQ(wave->GetText(kTextSourceFile), unpacked);
+    }
+  }
 }
 
 TEST(SfArk, UnpackedBankTakesTheFirstFreeNumberedName) {

@@ -2,9 +2,11 @@
 // live at global scope here and forward progress and the licence question to the user interface.
 #include "formats/audio/addons/sfark_addon.h"
 
+#include <dlfcn.h>
 #include <sfArkLib.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <iterator>
 #include <string_view>
 
@@ -36,11 +38,25 @@ const AddonSymbol kSymbols[] = {{"_Z11sfkl_DecodePKcS0_", reinterpret_cast<void*
 
 AddonLibrary library("sfark", {"libsfark.so.0", "libsfark.so"});
 
+// Older builds (Debian's among them) put the output in the archive's folder under the name they are
+// given, so a whole path there names a file that cannot be created; builds from 2019 on, which carry
+// InitFilenames, take the path as it stands.
+bool TakesWholeOutputPath() {
+  Dl_info info;
+  if (!dladdr(reinterpret_cast<void*>(api.decode), &info) || !info.dli_fname) return false;
+  void* handle = dlopen(info.dli_fname, RTLD_LAZY | RTLD_NOLOAD);
+  if (!handle) return false;
+  const bool found = dlsym(handle, "_Z13InitFilenamesPKcS0_S0_") != nullptr;
+  dlclose(handle);
+  return found;
+}
+
 }  // namespace
 
 int UnpackSfArk(const std::string& archive, const std::string& target) {
   if (!library.Bind(kSymbols, std::size(kSymbols))) return kSfArkNotLoaded;
-  return api.decode(archive.c_str(), target.c_str());
+  const std::string output = TakesWholeOutputPath() ? target : std::filesystem::path(target).filename().string();
+  return api.decode(archive.c_str(), output.c_str());
 }
 
 }  // namespace orlin::addons

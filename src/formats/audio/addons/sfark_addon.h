@@ -12,8 +12,8 @@ constexpr const char* kSfArkMissing =
 // Results of UnpackSfArk besides the library's own codes (0 success, negative failures).
 constexpr int kSfArkNotLoaded = 1;
 
-// Unpacks `archive` into the SoundFont `target`; 0 on success, kSfArkNotLoaded when the add-on is
-// missing, else the library's negative error code.
+// Unpacks `archive` into the SoundFont `target`, which lies in the archive's folder; 0 on success,
+// kSfArkNotLoaded when the add-on is missing, else the library's negative error code.
 int UnpackSfArk(const std::string& archive, const std::string& target);
 
 }  // namespace orlin::addons
