@@ -529,7 +529,7 @@ bool WriteBank(Item* item, FileObject* file, const SaveOptions* options, BankKin
   // Sample headers first: every position is known from the lengths before a sample is converted.
   Tables t;
   std::vector<WrittenSample> written(waves.size());
-  ByteWriter compressed;  // the sf3 streams; plain sample data is streamed to the file at the end
+  ByteWriter compressed;  // the sf3 streams; plain sample data is converted as it is written
   uint64_t words = 0;     // 16-bit words of smpl
   uint32_t shdrIndex = 0;
   for (size_t w = 0; w < waves.size(); ++w) {
