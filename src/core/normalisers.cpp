@@ -8,7 +8,6 @@
 #include <cctype>
 #include <map>
 #include <unordered_map>
-#include <unordered_set>
 #include <cmath>
 #include <cstddef>
 #include <vector>
