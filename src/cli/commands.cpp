@@ -5,6 +5,8 @@
 #include <CLI/CLI.hpp>
 #include <iostream>
 
+#include "cli/render_note_command.h"
+
 namespace orlin::cli {
 
 int TerminalUserInterface::Ask(std::string_view title, std::string_view question,
@@ -113,6 +115,8 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
   auto* noFlag = convertCommand->add_flag("--no", no, "Answer every question with no / skip");
   yesFlag->excludes(noFlag);
 
+  RenderNoteCommand renderNote(app);
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -129,6 +133,7 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
     ~Restore() { SetUserInterface(nullptr); }
   } restore;
 
+  if (renderNote.Selected()) return renderNote.Run(out, err);
   if (*formats) return RunFormats(readable, writable, formatsJson, out);
   if (*params) return RunParams(paramsJson, out);
   if (*settings) return RunSettings(settingsArguments, out, err);
