@@ -1,4 +1,5 @@
 #include "cli/commands.h"
+#include "cli/process_command.h"
 
 #include <unistd.h>
 
@@ -113,6 +114,8 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
   auto* noFlag = convertCommand->add_flag("--no", no, "Answer every question with no / skip");
   yesFlag->excludes(noFlag);
 
+  ProcessCommand process(app);
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -133,6 +136,7 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
   if (*params) return RunParams(paramsJson, out);
   if (*settings) return RunSettings(settingsArguments, out, err);
   if (*info) return RunInfo(infoFiles, infoJson, out, err, infoParams);
+  if (process.Chosen()) return process.Run(out, err);
   if (*convertCommand) {
     if (convert.toExtension.empty() && convert.row < 0) {
       err << "convert: give --to EXT or --row N\n";
