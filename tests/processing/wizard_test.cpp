@@ -216,6 +216,23 @@ TEST_F(WizardTest, SettingValues) {
   EXPECT_EQ(AdjustVolumeStatics().db, -6.0);
 }
 
+TEST_F(WizardTest, SplitPageLevels) {
+  SetSplitTrig(-40);  // below the release of -36: release follows
+  EXPECT_EQ(SplitSilenceStatics().release, -40.0);
+  SetSplitRelease(-20);  // release may not exceed trig
+  EXPECT_EQ(SplitSilenceStatics().release, -40.0);
+  SetSplitTrig(-12);
+  SetSplitUnit(1);
+  EXPECT_DOUBLE_EQ(SplitSilenceStatics().trig, 25.0);  // DbToGain(-12) is the stored 0.25
+  SetSplitUnit(0);
+  EXPECT_DOUBLE_EQ(SplitSilenceStatics().trig, -12.0);
+  ProcessingWizard wizard;
+  UpdateSplitLevelLines(wizard);
+  EXPECT_FLOAT_EQ(wizard.levelLines[0].level, 0.25f);
+  EXPECT_EQ(wizard.levelLines[0].colour, 0x008000u);
+  EXPECT_EQ(wizard.levelLines[1].colour, 0x600000u);
+}
+
 TEST_F(WizardTest, PreviewLeavesNoExtraWaves) {
   std::vector<float> values;
   for (int burst = 0; burst < 3; ++burst) {

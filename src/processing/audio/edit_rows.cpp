@@ -88,6 +88,33 @@ double LevelFromSetting(double value, int unit) {
   return DbToGain(std::clamp(value, -144.0, 0.0));
 }
 
+namespace {
+double ClampLevel(double value, int unit) { return unit == 1 ? std::clamp(value, 0.0, 100.0) : std::clamp(value, -144.0, 0.0); }
+}  // namespace
+
+void SetSplitTrig(double value) {
+  gSplitSilence.trig = ClampLevel(value, gSplitSilence.unit);
+  gSplitSilence.release = std::min(gSplitSilence.release, gSplitSilence.trig);
+}
+
+void SetSplitRelease(double value) {
+  gSplitSilence.release = std::min(ClampLevel(value, gSplitSilence.unit), gSplitSilence.trig);
+}
+
+void SetSplitUnit(int unit) {
+  if (unit == gSplitSilence.unit || unit < 0 || unit > 1) return;
+  auto convert = [&](double value) { return unit == 1 ? DbToGain(value) * 100.0 : GainToDb(value / 100.0); };
+  gSplitSilence.trig = convert(gSplitSilence.trig);
+  gSplitSilence.release = convert(gSplitSilence.release);
+  gSplitSilence.unit = unit;
+}
+
+void UpdateSplitLevelLines(ProcessingWizard& wizard) {
+  constexpr uint32_t kTrigColour = 0x008000, kReleaseColour = 0x600000;
+  wizard.levelLines[0] = {float(LevelFromSetting(gSplitSilence.trig, gSplitSilence.unit)), kTrigColour};
+  wizard.levelLines[1] = {float(LevelFromSetting(gSplitSilence.release, gSplitSilence.unit)), kReleaseColour};
+}
+
 AdjustVolumeSettings& AdjustVolumeStatics() { return gAdjustVolume; }
 RemoveSilenceSettings& RemoveSilenceStatics() { return gRemoveSilence; }
 SplitSilenceSettings& SplitSilenceStatics() { return gSplitSilence; }

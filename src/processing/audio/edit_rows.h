@@ -74,6 +74,13 @@ void ResetEditRowSettings();
 // Level settings in dB or percent, as a linear level.
 double LevelFromSetting(double value, int unit);
 
+// The split page's edits: trig below release drags release down; a change of unit converts both
+// levels; the preview's two level lines follow (trig green, release dark red).
+void SetSplitTrig(double value);
+void SetSplitRelease(double value);
+void SetSplitUnit(int unit);
+void UpdateSplitLevelLines(ProcessingWizard& wizard);
+
 // Smoothing of frames [s, e) per channel, one of the four filters.
 void SmoothRange(float* samples, uint32_t channels, uint32_t length, uint32_t s, uint32_t e, int filter);
 // The filter list's sections over a whole block, in place. Type 0 does nothing.
