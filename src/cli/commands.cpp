@@ -1,4 +1,5 @@
 #include "cli/commands.h"
+#include "cli/process_command.h"
 
 #include <unistd.h>
 
@@ -116,6 +117,7 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
   yesFlag->excludes(noFlag);
 
   RenderNoteCommand renderNote(app);
+  ProcessCommand process(app);
 
   try {
     app.parse(argc, argv);
@@ -138,6 +140,7 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
   if (*params) return RunParams(paramsJson, out);
   if (*settings) return RunSettings(settingsArguments, out, err);
   if (*info) return RunInfo(infoFiles, infoJson, out, err, infoParams);
+  if (process.Chosen()) return process.Run(out, err);
   if (*convertCommand) {
     if (convert.toExtension.empty() && convert.row < 0) {
       err << "convert: give --to EXT or --row N\n";

@@ -106,8 +106,10 @@ uint8_t DataFormatFromStorage(uint32_t storage) {
 }
 
 WaveData* WaveData::Create(uint32_t frames, uint32_t channels, float rate, bool clear) {
-  // Header and the leading guard frame share the first aligned part; three guard frames follow.
-  const size_t headBytes = (size_t(channels) * 4 + 35) & ~size_t(15);
+  // Header and the leading guard frame share the first aligned part; three guard frames follow. The
+  // header is 32 bytes with 64-bit pointers, so the guard frame of a stereo block must lie past it
+  // (the 20-byte header of a 32-bit build left room for it in the first 32 bytes).
+  const size_t headBytes = (sizeof(WaveData) + size_t(channels) * 4 + 15) & ~size_t(15);
   const size_t sampleBytes = (size_t(frames) + 3) * channels * 4;
   static_assert(sizeof(WaveData) <= 32, "the header must fit before the first guard frame");
   void* block = std::aligned_alloc(16, (headBytes + sampleBytes + 15) & ~size_t(15));
