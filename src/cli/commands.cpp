@@ -1,11 +1,11 @@
 #include "cli/commands.h"
-#include "cli/process_command.h"
 
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <iostream>
 
+#include "cli/process_command.h"
 #include "cli/render_note_command.h"
 
 namespace orlin::cli {
