@@ -76,8 +76,7 @@ bool RaiseAudioThreadPriority() {
 // ---------------------------------------------------------------------------------------------
 // Position
 
-void PositionRecord::Advance() {
-  position += step;
+void PositionRecord::Settle() {
   for (;;) {
     Zone& zone = zones[zoneIndex];
     if (direction > 0 ? position < zone.end : position >= zoneStart) return;
@@ -938,9 +937,9 @@ void SynthEngine::RenderVoice(Voice& voice, ChannelMix& mix) {
     // Catmull-Rom on samples i-1..i+2; the guard frames of the sample memory cover both ends.
     if (channels == 1) {
       for (; frame < kBlockFrames && !pos.done; ++frame) {
-        const double whole = std::floor(pos.position);
-        const float t = float(pos.position - whole);
-        const float* p = s + int64_t(whole);
+        const int64_t whole = int64_t(pos.position);  // positions are never negative
+        const float t = float(pos.position - double(whole));
+        const float* p = s + whole;
         const float p0 = p[-1], p1 = p[0], p2 = p[1], p3 = p[2];
         buffer[frame] = p1 + 0.5f * t * (p2 - p0 + t * (2.0f * p0 - 5.0f * p1 + 4.0f * p2 - p3 + t * (3.0f * (p1 - p2) + p3 - p0)));
         pos.Advance();
@@ -948,9 +947,9 @@ void SynthEngine::RenderVoice(Voice& voice, ChannelMix& mix) {
       for (int i = frame; i < kBlockFrames; ++i) buffer[i] = 0.0f;
     } else {
       for (; frame < kBlockFrames && !pos.done; ++frame) {
-        const double whole = std::floor(pos.position);
-        const float t = float(pos.position - whole);
-        const float* p = s + 2 * int64_t(whole);
+        const int64_t whole = int64_t(pos.position);
+        const float t = float(pos.position - double(whole));
+        const float* p = s + 2 * whole;
         const float w0 = 0.5f * t * (-1.0f + t * (2.0f - t));
         const float w1 = 1.0f + 0.5f * t * t * (-5.0f + 3.0f * t);
         const float w2 = 0.5f * t * (1.0f + t * (4.0f - 3.0f * t));
@@ -973,32 +972,35 @@ void SynthEngine::RenderVoice(Voice& voice, ChannelMix& mix) {
     float sendLevel[kSendCount];
     for (int i = 0; i < kSendCount; ++i)
       sendLevel[i] = std::min(1.0f, voice.sendLevels[i] + voice.sendDepths[i] * mix.sendLevels[i]);
-    SpinLock(mix.lock);
-    const bool first = mix.mainEmpty;
+    // The voice's stereo output with the gains ramped across the block, made before taking the lock.
+    alignas(16) float output[2 * kBlockFrames];
     float l = voice.lastLeft, r = voice.lastRight;
-    for (int i = 0; i < kBlockFrames; ++i) {
-      l += leftStep, r += rightStep;
-      const float inLeft = channels == 2 ? buffer[2 * i] : buffer[i];
-      const float inRight = channels == 2 ? buffer[2 * i + 1] : buffer[i];
-      const float outLeft = inLeft * l, outRight = inRight * r;
-      if (first) {
-        mix.main[2 * i] = outLeft, mix.main[2 * i + 1] = outRight;
-      } else {
-        mix.main[2 * i] += outLeft, mix.main[2 * i + 1] += outRight;
+    if (channels == 2) {
+      for (int i = 0; i < kBlockFrames; ++i) {
+        l += leftStep, r += rightStep;
+        output[2 * i] = buffer[2 * i] * l, output[2 * i + 1] = buffer[2 * i + 1] * r;
       }
-      for (int sIdx = 0; sIdx < kSendCount; ++sIdx) {
-        if (sendLevel[sIdx] <= 0.0f) continue;
-        float* send = mix.sends[sIdx];
-        if (mix.sendEmpty[sIdx]) {
-          send[2 * i] = outLeft * sendLevel[sIdx], send[2 * i + 1] = outRight * sendLevel[sIdx];
-        } else {
-          send[2 * i] += outLeft * sendLevel[sIdx], send[2 * i + 1] += outRight * sendLevel[sIdx];
-        }
+    } else {
+      for (int i = 0; i < kBlockFrames; ++i) {
+        l += leftStep, r += rightStep;
+        output[2 * i] = buffer[i] * l, output[2 * i + 1] = buffer[i] * r;
       }
     }
+    SpinLock(mix.lock);
+    if (mix.mainEmpty) std::memcpy(mix.main, output, sizeof output);
+    else
+      for (int i = 0; i < 2 * kBlockFrames; ++i) mix.main[i] += output[i];
     mix.mainEmpty = false;
-    for (int sIdx = 0; sIdx < kSendCount; ++sIdx)
-      if (sendLevel[sIdx] > 0.0f) mix.sendEmpty[sIdx] = false;
+    for (int send = 0; send < kSendCount; ++send) {
+      const float level = sendLevel[send];
+      if (level <= 0.0f) continue;
+      float* target = mix.sends[send];
+      if (mix.sendEmpty[send])
+        for (int i = 0; i < 2 * kBlockFrames; ++i) target[i] = output[i] * level;
+      else
+        for (int i = 0; i < 2 * kBlockFrames; ++i) target[i] += output[i] * level;
+      mix.sendEmpty[send] = false;
+    }
     SpinUnlock(mix.lock);
     voice.lastLeft = left, voice.lastRight = right;
   } else if (!ended) {
