@@ -57,6 +57,26 @@ void PanGains(float pan, float& left, float& right) {
   }
 }
 
+// 4-point Catmull-Rom at a position that is never negative (so the cut is the floor).
+inline float CatmullRom(const float* samples, double position) {
+  const int64_t whole = int64_t(position);
+  const float t = float(position - double(whole));
+  const float* p = samples + whole;
+  const float p0 = p[-1], p1 = p[0], p2 = p[1], p3 = p[2];
+  return p1 + 0.5f * t * (p2 - p0 + t * (2.0f * p0 - 5.0f * p1 + 4.0f * p2 - p3 + t * (3.0f * (p1 - p2) + p3 - p0)));
+}
+inline void CatmullRomStereo(const float* samples, double position, float* out) {
+  const int64_t whole = int64_t(position);
+  const float t = float(position - double(whole));
+  const float* p = samples + 2 * whole;
+  const float w0 = 0.5f * t * (-1.0f + t * (2.0f - t));
+  const float w1 = 1.0f + 0.5f * t * t * (-5.0f + 3.0f * t);
+  const float w2 = 0.5f * t * (1.0f + t * (4.0f - 3.0f * t));
+  const float w3 = 0.5f * t * t * (t - 1.0f);
+  out[0] = w0 * p[-2] + w1 * p[0] + w2 * p[2] + w3 * p[4];
+  out[1] = w0 * p[-1] + w1 * p[1] + w2 * p[3] + w3 * p[5];
+}
+
 float FadeGain(int distance, int fade, uint8_t formula) {
   const float g = float(distance + 1) / float(fade + 1);
   return formula == 1 ? g : std::sqrt(g);
@@ -934,32 +954,28 @@ void SynthEngine::RenderVoice(Voice& voice, ChannelMix& mix) {
     const int channels = pos.stereo ? 2 : 1;
     const float* s = pos.samples;
     int frame = 0;
-    // Catmull-Rom on samples i-1..i+2; the guard frames of the sample memory cover both ends.
-    if (channels == 1) {
-      for (; frame < kBlockFrames && !pos.done; ++frame) {
-        const int64_t whole = int64_t(pos.position);  // positions are never negative
-        const float t = float(pos.position - double(whole));
-        const float* p = s + whole;
-        const float p0 = p[-1], p1 = p[0], p2 = p[1], p3 = p[2];
-        buffer[frame] = p1 + 0.5f * t * (p2 - p0 + t * (2.0f * p0 - 5.0f * p1 + 4.0f * p2 - p3 + t * (3.0f * (p1 - p2) + p3 - p0)));
-        pos.Advance();
+    // Catmull-Rom on samples i-1..i+2; the guard frames of the sample memory cover both ends. The
+    // position lives in registers; only a frame that leaves the zone goes through the zone logic.
+    double position = pos.position, step = pos.step;
+    bool forward = pos.direction > 0;
+    double edge = forward ? pos.zones[pos.zoneIndex].end : pos.zoneStart;
+    for (; frame < kBlockFrames; ++frame) {
+      if (channels == 1) buffer[frame] = CatmullRom(s, position);
+      else CatmullRomStereo(s, position, buffer + 2 * frame);
+      position += step;
+      if (forward ? position < edge : position >= edge) continue;
+      pos.position = position;
+      pos.Settle();
+      if (pos.done) {
+        ++frame;
+        break;
       }
-      for (int i = frame; i < kBlockFrames; ++i) buffer[i] = 0.0f;
-    } else {
-      for (; frame < kBlockFrames && !pos.done; ++frame) {
-        const int64_t whole = int64_t(pos.position);
-        const float t = float(pos.position - double(whole));
-        const float* p = s + 2 * whole;
-        const float w0 = 0.5f * t * (-1.0f + t * (2.0f - t));
-        const float w1 = 1.0f + 0.5f * t * t * (-5.0f + 3.0f * t);
-        const float w2 = 0.5f * t * (1.0f + t * (4.0f - 3.0f * t));
-        const float w3 = 0.5f * t * t * (t - 1.0f);
-        buffer[2 * frame] = w0 * p[-2] + w1 * p[0] + w2 * p[2] + w3 * p[4];
-        buffer[2 * frame + 1] = w0 * p[-1] + w1 * p[1] + w2 * p[3] + w3 * p[5];
-        pos.Advance();
-      }
-      for (int i = 2 * frame; i < 2 * kBlockFrames; ++i) buffer[i] = 0.0f;
+      position = pos.position, step = pos.step;
+      forward = pos.direction > 0;
+      edge = forward ? pos.zones[pos.zoneIndex].end : pos.zoneStart;
     }
+    if (!pos.done) pos.position = position;
+    for (int i = frame * channels; i < kBlockFrames * channels; ++i) buffer[i] = 0.0f;
     if (voice.filter.type) voice.filter.Process(buffer, kBlockFrames, channels);
     for (int i = 0; i < voice.eqCount; ++i) voice.eq[i].Process(buffer, kBlockFrames, channels);
 
