@@ -398,7 +398,8 @@ void VoiceFilter::Process(float* samples, int frames, int channels) {
 // EQ
 
 void BiquadStage::SetEq(int mode, float centreHz, float gainDb, float q, float sampleRate) {
-  const float w0 = centreHz / sampleRate * kTwoPi;
+  // A centre at or above half the sample rate would mirror into an unstable section: it stops below.
+  const float w0 = std::min(centreHz / sampleRate, 0.49f) * kTwoPi;
   const float c = std::cos(w0), s = std::sin(w0);
   const float alpha = s * 0.5f / q;
   const float a = std::exp(gainDb * 0.057564627f);  // 10^(g/40)

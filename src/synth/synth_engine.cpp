@@ -117,7 +117,12 @@ void PositionRecord::Settle() {
       }
       continue;
     }
+    // A step longer than the loop would wrap many times in one frame: fold the overshoot first
+    // (by one loop length when wrapping, by two when bouncing).
     const double length = zone.end - zoneStart;
+    const double period = (direction > 0 ? zone.loopType == kLoopForward : zone.loopType == kLoopReverse) ? length : 2 * length;
+    if (direction > 0 && position - zone.end >= period) position = zone.end + std::fmod(position - zone.end, period);
+    if (direction < 0 && zoneStart - position >= period) position = zoneStart - std::fmod(zoneStart - position, period);
     if (direction > 0) {
       if (zone.loopType == kLoopForward) {
         position -= length;
@@ -941,8 +946,10 @@ void SynthEngine::RenderVoice(Voice& voice, ChannelMix& mix) {
   voice.fade = 1.0f;
   voice.panOffset = voice.crossLfoPanDepth * lfo[3] + voice.panEnvelopeDepth * envelope[3] + voice.panBase;
   if (pitch != pos.lastPitch) {
+    // Ten octaves up is far past any use; the bound keeps positions within reach of the sample.
+    const float bounded = std::clamp(pitch, -240.0f, 120.0f);
     pos.lastPitch = pitch;
-    double step = std::exp(double(pitch) * kSemitoneToLog) * pos.baseStep;
+    double step = std::exp(double(bounded) * kSemitoneToLog) * pos.baseStep;
     if (pos.tuneState == 2) step *= pos.tuneMultiplier;
     pos.step = pos.direction < 0 ? -step : step;
   }
