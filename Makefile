@@ -1,6 +1,7 @@
 # The two commands of the README: `make run` and `make test`. Both install what is missing first.
 BUILD_DIR ?= build
 SANITIZE_DIR ?= build-sanitize
+TSAN_DIR ?= build-tsan
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 FUZZ_SECONDS ?= 60
@@ -10,7 +11,7 @@ export CCACHE_NOHASHDIR := 1
 
 LAUNCHER := $(shell command -v ccache >/dev/null 2>&1 && echo -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
 
-.PHONY: all bootstrap build run test sanitize-build sanitize fuzz bench clean
+.PHONY: all bootstrap build run test sanitize-build sanitize fuzz bench tsan clean
 
 all: build
 
@@ -46,6 +47,15 @@ sanitize: sanitize-build
 fuzz: sanitize-build
 	bash fuzz/run_all.sh $(SANITIZE_DIR) $(FUZZ_SECONDS)
 
+# ThreadSanitizer over the synthesizer's tests that run its workers and its event ring from other
+# threads. Not part of CI: a separate clang build of everything the tests link.
+tsan: bootstrap
+	CC=clang CXX=clang++ cmake -S . -B $(TSAN_DIR) -G Ninja $(LAUNCHER) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DCMAKE_C_FLAGS=-fsanitize=thread -DCMAKE_CXX_FLAGS=-fsanitize=thread -DCMAKE_EXE_LINKER_FLAGS=-fsanitize=thread $(CMAKE_FLAGS)
+	cmake --build $(TSAN_DIR) -j $(JOBS) --target synth_tests
+	cd $(TSAN_DIR) && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" ./tests/synth_tests \
+	  --gtest_filter='*Workers*:*Posted*:*Replace*'
+
 bench: bootstrap
 	# GCC 12 at -O3 warns falsely inside the standard library; the test builds keep -Werror.
 	cmake -S . -B build-bench -G Ninja $(LAUNCHER) -DORLIN_BENCH=ON -DORLIN_TESTS=OFF -DORLIN_WERROR=OFF -DCMAKE_BUILD_TYPE=Release
@@ -53,4 +63,4 @@ bench: bootstrap
 	bash bench/run_all.sh build-bench
 
 clean:
-	rm -rf $(BUILD_DIR) $(SANITIZE_DIR) build-bench
+	rm -rf $(BUILD_DIR) $(SANITIZE_DIR) $(TSAN_DIR) build-bench

@@ -300,32 +300,54 @@ void SvfFilter::Update(float shiftSemitones, float resonanceDb) {
   // The resonance is the height of the peak in dB; damping is its inverse gain, clamped for stability.
   q = resonanceDb < 96.0f ? std::exp(resonanceDb * -0.115129255f) : 0.0f;
   q = std::min(2.0f - f, q);
+  // The map's columns: the passes run on a unit low, a unit band and a unit input.
+  const int passes = oversampled ? 2 : 1;
+  const float unit[3][3] = {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}};
+  for (int column = 0; column < 3; ++column) {
+    float lo = unit[column][0], bp = unit[column][1];
+    const float x = unit[column][2];
+    float notch = 0.0f, high = 0.0f;
+    for (int pass = 0; pass < passes; ++pass) {
+      lo += f * bp;
+      notch = x - q * bp;
+      high = notch - lo;
+      bp += f * high;
+    }
+    lowFrom[column] = lo;
+    bandFrom[column] = bp;
+    outFrom[column] = type == 2 ? lo : type == 6 ? high : type == 9 ? bp : notch;
+  }
 }
 
 void SvfFilter::Process(float* samples, int frames, int channels) {
-  const int passes = oversampled ? 2 : 1;
-  for (int c = 0; c < channels; ++c) {
-    float lo = low[c], bp = band[c];
+  const float ll = lowFrom[0], lb = lowFrom[1], lx = lowFrom[2];
+  const float bl = bandFrom[0], bb = bandFrom[1], bx = bandFrom[2];
+  const float ol = outFrom[0], ob = outFrom[1], ox = outFrom[2];
+  if (channels == 2) {
+    // Both channels in one loop: two independent chains keep the processor busy.
+    float lo0 = low[0], bp0 = band[0], lo1 = low[1], bp1 = band[1];
     for (int i = 0; i < frames; ++i) {
-      float& s = samples[i * channels + c];
-      const float x = s;
-      float notch = 0.0f, high = 0.0f;
-      for (int pass = 0; pass < passes; ++pass) {
-        lo += f * bp;
-        notch = x - q * bp;
-        high = notch - lo;
-        bp = FlushDenormal(bp + f * high);
-      }
-      switch (type) {
-        case 2: s = lo; break;
-        case 6: s = high; break;
-        case 9: s = bp; break;
-        default: s = notch; break;
-      }
+      const float x0 = samples[2 * i], x1 = samples[2 * i + 1];
+      samples[2 * i] = ol * lo0 + ob * bp0 + ox * x0;
+      samples[2 * i + 1] = ol * lo1 + ob * bp1 + ox * x1;
+      const float newLo0 = ll * lo0 + lb * bp0 + lx * x0, newLo1 = ll * lo1 + lb * bp1 + lx * x1;
+      bp0 = bl * lo0 + bb * bp0 + bx * x0, bp1 = bl * lo1 + bb * bp1 + bx * x1;
+      lo0 = newLo0, lo1 = newLo1;
     }
-    low[c] = lo;
-    band[c] = bp;
+    // Denormals are flushed from the state once a block: within 64 frames nothing decays that far.
+    low[0] = FlushDenormal(lo0), band[0] = FlushDenormal(bp0);
+    low[1] = FlushDenormal(lo1), band[1] = FlushDenormal(bp1);
+    return;
   }
+  float lo = low[0], bp = band[0];
+  for (int i = 0; i < frames; ++i) {
+    const float x = samples[i];
+    samples[i] = ol * lo + ob * bp + ox * x;
+    const float newLo = ll * lo + lb * bp + lx * x;
+    bp = bl * lo + bb * bp + bx * x;
+    lo = newLo;
+  }
+  low[0] = FlushDenormal(lo), band[0] = FlushDenormal(bp);
 }
 
 bool VoiceFilter::Setup(int filterType, float normalisedCutoff) {
@@ -376,7 +398,8 @@ void VoiceFilter::Process(float* samples, int frames, int channels) {
 // EQ
 
 void BiquadStage::SetEq(int mode, float centreHz, float gainDb, float q, float sampleRate) {
-  const float w0 = centreHz / sampleRate * kTwoPi;
+  // A centre at or above half the sample rate would mirror into an unstable section: it stops below.
+  const float w0 = std::min(centreHz / sampleRate, 0.49f) * kTwoPi;
   const float c = std::cos(w0), s = std::sin(w0);
   const float alpha = s * 0.5f / q;
   const float a = std::exp(gainDb * 0.057564627f);  // 10^(g/40)

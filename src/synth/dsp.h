@@ -111,6 +111,9 @@ struct SvfFilter {
   bool oversampled = true;
   float f = 0.0f, q = 1.0f;
   float low[2] = {}, band[2] = {};
+  // The passes of one frame are linear in (low, band, input): they run as one 3x3 map whose rows give
+  // the new low, the new band and the output. Same arithmetic, a third of the dependent steps.
+  float lowFrom[3] = {}, bandFrom[3] = {}, outFrom[3] = {};
 
   void Init(float normalisedCutoff, int sectionType, bool oversample);
   void Update(float shiftSemitones, float resonanceDb);

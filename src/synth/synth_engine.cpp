@@ -57,6 +57,26 @@ void PanGains(float pan, float& left, float& right) {
   }
 }
 
+// 4-point Catmull-Rom at a position that is never negative (so the cut is the floor).
+inline float CatmullRom(const float* samples, double position) {
+  const int64_t whole = int64_t(position);
+  const float t = float(position - double(whole));
+  const float* p = samples + whole;
+  const float p0 = p[-1], p1 = p[0], p2 = p[1], p3 = p[2];
+  return p1 + 0.5f * t * (p2 - p0 + t * (2.0f * p0 - 5.0f * p1 + 4.0f * p2 - p3 + t * (3.0f * (p1 - p2) + p3 - p0)));
+}
+inline void CatmullRomStereo(const float* samples, double position, float* out) {
+  const int64_t whole = int64_t(position);
+  const float t = float(position - double(whole));
+  const float* p = samples + 2 * whole;
+  const float w0 = 0.5f * t * (-1.0f + t * (2.0f - t));
+  const float w1 = 1.0f + 0.5f * t * t * (-5.0f + 3.0f * t);
+  const float w2 = 0.5f * t * (1.0f + t * (4.0f - 3.0f * t));
+  const float w3 = 0.5f * t * t * (t - 1.0f);
+  out[0] = w0 * p[-2] + w1 * p[0] + w2 * p[2] + w3 * p[4];
+  out[1] = w0 * p[-1] + w1 * p[1] + w2 * p[3] + w3 * p[5];
+}
+
 float FadeGain(int distance, int fade, uint8_t formula) {
   const float g = float(distance + 1) / float(fade + 1);
   return formula == 1 ? g : std::sqrt(g);
@@ -76,8 +96,7 @@ bool RaiseAudioThreadPriority() {
 // ---------------------------------------------------------------------------------------------
 // Position
 
-void PositionRecord::Advance() {
-  position += step;
+void PositionRecord::Settle() {
   for (;;) {
     Zone& zone = zones[zoneIndex];
     if (direction > 0 ? position < zone.end : position >= zoneStart) return;
@@ -98,7 +117,12 @@ void PositionRecord::Advance() {
       }
       continue;
     }
+    // A step longer than the loop would wrap many times in one frame: fold the overshoot first
+    // (by one loop length when wrapping, by two when bouncing).
     const double length = zone.end - zoneStart;
+    const double period = (direction > 0 ? zone.loopType == kLoopForward : zone.loopType == kLoopReverse) ? length : 2 * length;
+    if (direction > 0 && position - zone.end >= period) position = zone.end + std::fmod(position - zone.end, period);
+    if (direction < 0 && zoneStart - position >= period) position = zoneStart - std::fmod(zoneStart - position, period);
     if (direction > 0) {
       if (zone.loopType == kLoopForward) {
         position -= length;
@@ -922,8 +946,10 @@ void SynthEngine::RenderVoice(Voice& voice, ChannelMix& mix) {
   voice.fade = 1.0f;
   voice.panOffset = voice.crossLfoPanDepth * lfo[3] + voice.panEnvelopeDepth * envelope[3] + voice.panBase;
   if (pitch != pos.lastPitch) {
+    // Ten octaves up is far past any use; the bound keeps positions within reach of the sample.
+    const float bounded = std::clamp(pitch, -240.0f, 120.0f);
     pos.lastPitch = pitch;
-    double step = std::exp(double(pitch) * kSemitoneToLog) * pos.baseStep;
+    double step = std::exp(double(bounded) * kSemitoneToLog) * pos.baseStep;
     if (pos.tuneState == 2) step *= pos.tuneMultiplier;
     pos.step = pos.direction < 0 ? -step : step;
   }
@@ -935,32 +961,28 @@ void SynthEngine::RenderVoice(Voice& voice, ChannelMix& mix) {
     const int channels = pos.stereo ? 2 : 1;
     const float* s = pos.samples;
     int frame = 0;
-    // Catmull-Rom on samples i-1..i+2; the guard frames of the sample memory cover both ends.
-    if (channels == 1) {
-      for (; frame < kBlockFrames && !pos.done; ++frame) {
-        const double whole = std::floor(pos.position);
-        const float t = float(pos.position - whole);
-        const float* p = s + int64_t(whole);
-        const float p0 = p[-1], p1 = p[0], p2 = p[1], p3 = p[2];
-        buffer[frame] = p1 + 0.5f * t * (p2 - p0 + t * (2.0f * p0 - 5.0f * p1 + 4.0f * p2 - p3 + t * (3.0f * (p1 - p2) + p3 - p0)));
-        pos.Advance();
+    // Catmull-Rom on samples i-1..i+2; the guard frames of the sample memory cover both ends. The
+    // position lives in registers; only a frame that leaves the zone goes through the zone logic.
+    double position = pos.position, step = pos.step;
+    bool forward = pos.direction > 0;
+    double edge = forward ? pos.zones[pos.zoneIndex].end : pos.zoneStart;
+    for (; frame < kBlockFrames; ++frame) {
+      if (channels == 1) buffer[frame] = CatmullRom(s, position);
+      else CatmullRomStereo(s, position, buffer + 2 * frame);
+      position += step;
+      if (forward ? position < edge : position >= edge) continue;
+      pos.position = position;
+      pos.Settle();
+      if (pos.done) {
+        ++frame;
+        break;
       }
-      for (int i = frame; i < kBlockFrames; ++i) buffer[i] = 0.0f;
-    } else {
-      for (; frame < kBlockFrames && !pos.done; ++frame) {
-        const double whole = std::floor(pos.position);
-        const float t = float(pos.position - whole);
-        const float* p = s + 2 * int64_t(whole);
-        const float w0 = 0.5f * t * (-1.0f + t * (2.0f - t));
-        const float w1 = 1.0f + 0.5f * t * t * (-5.0f + 3.0f * t);
-        const float w2 = 0.5f * t * (1.0f + t * (4.0f - 3.0f * t));
-        const float w3 = 0.5f * t * t * (t - 1.0f);
-        buffer[2 * frame] = w0 * p[-2] + w1 * p[0] + w2 * p[2] + w3 * p[4];
-        buffer[2 * frame + 1] = w0 * p[-1] + w1 * p[1] + w2 * p[3] + w3 * p[5];
-        pos.Advance();
-      }
-      for (int i = 2 * frame; i < 2 * kBlockFrames; ++i) buffer[i] = 0.0f;
+      position = pos.position, step = pos.step;
+      forward = pos.direction > 0;
+      edge = forward ? pos.zones[pos.zoneIndex].end : pos.zoneStart;
     }
+    if (!pos.done) pos.position = position;
+    for (int i = frame * channels; i < kBlockFrames * channels; ++i) buffer[i] = 0.0f;
     if (voice.filter.type) voice.filter.Process(buffer, kBlockFrames, channels);
     for (int i = 0; i < voice.eqCount; ++i) voice.eq[i].Process(buffer, kBlockFrames, channels);
 
@@ -973,32 +995,35 @@ void SynthEngine::RenderVoice(Voice& voice, ChannelMix& mix) {
     float sendLevel[kSendCount];
     for (int i = 0; i < kSendCount; ++i)
       sendLevel[i] = std::min(1.0f, voice.sendLevels[i] + voice.sendDepths[i] * mix.sendLevels[i]);
-    SpinLock(mix.lock);
-    const bool first = mix.mainEmpty;
+    // The voice's stereo output with the gains ramped across the block, made before taking the lock.
+    alignas(16) float output[2 * kBlockFrames];
     float l = voice.lastLeft, r = voice.lastRight;
-    for (int i = 0; i < kBlockFrames; ++i) {
-      l += leftStep, r += rightStep;
-      const float inLeft = channels == 2 ? buffer[2 * i] : buffer[i];
-      const float inRight = channels == 2 ? buffer[2 * i + 1] : buffer[i];
-      const float outLeft = inLeft * l, outRight = inRight * r;
-      if (first) {
-        mix.main[2 * i] = outLeft, mix.main[2 * i + 1] = outRight;
-      } else {
-        mix.main[2 * i] += outLeft, mix.main[2 * i + 1] += outRight;
+    if (channels == 2) {
+      for (int i = 0; i < kBlockFrames; ++i) {
+        l += leftStep, r += rightStep;
+        output[2 * i] = buffer[2 * i] * l, output[2 * i + 1] = buffer[2 * i + 1] * r;
       }
-      for (int sIdx = 0; sIdx < kSendCount; ++sIdx) {
-        if (sendLevel[sIdx] <= 0.0f) continue;
-        float* send = mix.sends[sIdx];
-        if (mix.sendEmpty[sIdx]) {
-          send[2 * i] = outLeft * sendLevel[sIdx], send[2 * i + 1] = outRight * sendLevel[sIdx];
-        } else {
-          send[2 * i] += outLeft * sendLevel[sIdx], send[2 * i + 1] += outRight * sendLevel[sIdx];
-        }
+    } else {
+      for (int i = 0; i < kBlockFrames; ++i) {
+        l += leftStep, r += rightStep;
+        output[2 * i] = buffer[i] * l, output[2 * i + 1] = buffer[i] * r;
       }
     }
+    SpinLock(mix.lock);
+    if (mix.mainEmpty) std::memcpy(mix.main, output, sizeof output);
+    else
+      for (int i = 0; i < 2 * kBlockFrames; ++i) mix.main[i] += output[i];
     mix.mainEmpty = false;
-    for (int sIdx = 0; sIdx < kSendCount; ++sIdx)
-      if (sendLevel[sIdx] > 0.0f) mix.sendEmpty[sIdx] = false;
+    for (int send = 0; send < kSendCount; ++send) {
+      const float level = sendLevel[send];
+      if (level <= 0.0f) continue;
+      float* target = mix.sends[send];
+      if (mix.sendEmpty[send])
+        for (int i = 0; i < 2 * kBlockFrames; ++i) target[i] = output[i] * level;
+      else
+        for (int i = 0; i < 2 * kBlockFrames; ++i) target[i] += output[i] * level;
+      mix.sendEmpty[send] = false;
+    }
     SpinUnlock(mix.lock);
     voice.lastLeft = left, voice.lastRight = right;
   } else if (!ended) {

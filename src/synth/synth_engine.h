@@ -118,8 +118,13 @@ struct PositionRecord {
   bool released = false;
   bool done = false;
 
-  // Moves one frame on and handles zone ends, wraps, bounces and loop tuning.
-  void Advance();
+  // Moves one frame on; at a zone's edge, Settle handles ends, wraps, bounces and loop tuning.
+  void Advance() {
+    position += step;
+    if (direction > 0 ? position < zones[zoneIndex].end : position >= zoneStart) return;
+    Settle();
+  }
+  void Settle();
 };
 
 struct Voice {

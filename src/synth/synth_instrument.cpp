@@ -221,6 +221,11 @@ void CompileInstrument(const Instrument& instrument, SampleCache& cache, SynthIn
         continue;
       rightOf[i] = waves[j];
       dropped[j] = true;
+      // At the centre the equal-power law gives each side cos(pi/4); the pair panned apart gave each
+      // wave cos(pi (1 - |p|) / 4) on its own side. The difference goes into the volume, so fusing
+      // keeps the level (at |p| = 1, +3.01 dB).
+      left.values[kParamMasterVolume] +=
+          20.0f * std::log10(std::cos(float(M_PI) * (1.0f + p) / 4.0f) / std::cos(float(M_PI) / 4.0f));
       left.values[kParamPanId] = 0.0f;
       left.stereoFused = true;
       break;

@@ -223,17 +223,19 @@ TEST(SynthEngine, ReverseAndAlternatingLoopsStayInsideTheLoop) {
   }
 }
 
-TEST(SynthEngine, StereoPairsFuseOnlyWhenEverythingButPanAgrees) {
-  auto compile = [](bool differ, bool otherRate, std::vector<float>* out) {
+TEST(SynthEngine, StereoPairsFuseOnlyWhenEverythingButPanAgreesAndKeepTheirLevel) {
+  enum Variant { kSame, kLouder, kOtherRate, kOtherCc10Depth };
+  auto compile = [](Variant variant, std::vector<float>* out) {
     GeneratedBank bank;
     Waveform* left = bank.Sine(440.0, kRate, 4800, 0, 4800);
-    Waveform* right = bank.Sine(600.0, otherRate ? kRate / 2 : kRate, 4800, 0, 4800);
+    Waveform* right = bank.Sine(600.0, variant == kOtherRate ? kRate / 2 : kRate, 4800, 0, 4800);
     Instrument* instrument = bank.NewInstrument(0);
     Region* l = instrument->AddRegion(left->id, kFullRange, kFullRange, 60);
     Region* r = instrument->AddRegion(right->id, kFullRange, kFullRange, 60);
     l->articulation.Set(51, -1.0f);
     r->articulation.Set(51, 1.0f);
-    if (differ) r->articulation.Set(14, -0.5f);
+    if (variant == kLouder) r->articulation.Set(14, -0.5f);
+    if (variant == kOtherCc10Depth) r->articulation.Set(52, 0.5f);  // no sound of its own at centre pan
     SynthEngine engine(16, 32, 1.0f, kRate, 1);
     const SynthInstrument* compiled = engine.LoadInstrument(*instrument);
     if (out) {
@@ -243,14 +245,19 @@ TEST(SynthEngine, StereoPairsFuseOnlyWhenEverythingButPanAgrees) {
     }
     return compiled->regions.size();
   };
-  std::vector<float> out;
-  EXPECT_EQ(compile(false, false, &out), 1u);
-  std::vector<float> left = test::LeftChannel(out), right(out.size() / 2);
-  for (size_t i = 0; i < right.size(); ++i) right[i] = out[2 * i + 1];
+  std::vector<float> fused, apart;
+  EXPECT_EQ(compile(kSame, &fused), 1u);
+  std::vector<float> left = test::LeftChannel(fused), right(fused.size() / 2);
+  for (size_t i = 0; i < right.size(); ++i) right[i] = fused[2 * i + 1];
   EXPECT_NEAR(test::MeasureFrequency(left, kRate), 440.0, 0.5);
   EXPECT_NEAR(test::MeasureFrequency(right, kRate), 600.0, 0.5);
-  EXPECT_EQ(compile(true, false, nullptr), 2u);
-  EXPECT_EQ(compile(false, true, nullptr), 2u);
+  EXPECT_EQ(compile(kLouder, nullptr), 2u);
+  EXPECT_EQ(compile(kOtherRate, nullptr), 2u);
+  ASSERT_EQ(compile(kOtherCc10Depth, &apart), 2u);
+  const auto rms = [](const std::vector<float>& x) {
+    return test::RmsEnvelope(std::vector<float>(x.begin() + 4800, x.end()), x.size() - 4800).at(0);
+  };
+  EXPECT_NEAR(20 * std::log10(rms(fused) / rms(apart)), 0.0, 0.05) << "fusing must not change the level";
 }
 
 TEST(SynthEngine, FadesWidenAroundTheEdgesAndFullVelocityHasUnitGain) {
