@@ -88,6 +88,8 @@ void ListText(std::ostream& out) {
       }
     }
   }
+  out << "A choice takes its number or its label (or a start of the label that names one entry). A waveform\n"
+         "takes a name, #N for the N-th waveform of the file, <self>, <first>, <first other> or <none>.\n";
 }
 
 struct ChainStep {
@@ -219,6 +221,8 @@ int RunProcess(const ProcessRequest& request, std::ostream& out, std::ostream& e
       return kExitUsage;
     }
     rangeStart = int32_t(a), rangeEnd = int32_t(b);
+    for (const ChainStep& step : chain)
+      if (!(step.row->flags & kRowSubRange)) err << "process: " << step.row->name << " works on whole waves; --range does not apply to it\n";
   }
 
   int status = kExitOk;

@@ -56,6 +56,8 @@ void LoopAfterDelete(LoopInfo& loop, uint32_t oldLength, uint32_t first, uint32_
   if (loop.end >= float(oldLength)) loop.end = float(double(oldLength) - n);
   else if (loop.end > float(first)) loop.end = double(last) >= loop.end ? float(first + 1) : float(loop.end - n);
   if (loop.start > float(first)) loop.start = double(last) > loop.start ? float(first) : float(loop.start - n);
+  // One past the join lies beyond the wave when the cut ran to its end.
+  loop.end = std::min(loop.end, float(double(oldLength) - n));
   if (loop.start >= loop.end) loop.type = 0;
 }
 

@@ -263,6 +263,7 @@ bool FinishWizard(ProcessingWizard& wizard) {
   }
   if (wizard.collection && wizard.collection->AllItems().size() != itemsBefore) wizard.treeChanged = true;
   if (wizard.family != AlgorithmFamily::Audio) wizard.treeChanged = true;
+  if (wizard.undoTaken) CurrentUndoHook().RunFinished(wizard.treeChanged);
   if (wizard.processed == 0) {
     wizard.resultText = "No items were modified";
   } else {

@@ -154,6 +154,9 @@ class UndoHook {
   virtual bool TakeState(std::string_view label, const std::vector<Item*>& items, AlgorithmFamily family) {
     return false;
   }
+  // After the run: `treeChanged` says that items were added or removed (a split, a wave deleted as
+  // silent), which an entry of the selected items alone cannot undo.
+  virtual void RunFinished(bool treeChanged) {}
   // Undoes the state taken last (a run that was cancelled after its state was taken).
   virtual void Rollback() {}
 };

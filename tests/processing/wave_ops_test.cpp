@@ -67,6 +67,13 @@ TEST(DeleteFrames, LoopsAndMarkersFollowTheCut) {
   EXPECT_EQ(other->loop.start, 100.0f);
   EXPECT_EQ(other->loop.end, 600.0f);
   EXPECT_EQ(other->loop.type, 1);
+
+  // A cut to the end that takes the loop's end: the end stops at the new end, not one past the join.
+  Waveform* tail = MakeWave(collection, Ramp(4));
+  tail->loop = {1, 0, 0.0f, 3.0f, 0.0f};
+  ASSERT_TRUE(DeleteFrames(*tail, 2, 4));
+  EXPECT_EQ(tail->loop.end, 2.0f);
+  EXPECT_EQ(tail->loop.type, 1);
 }
 
 TEST(DeleteFrames, SharedBlockIsReplacedNotWritten) {

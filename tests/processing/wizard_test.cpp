@@ -17,7 +17,9 @@ class RecordingUndo : public UndoHook {
     itemCounts.push_back(items.size());
     return true;
   }
+  void RunFinished(bool treeChanged) override { finished.push_back(treeChanged); }
   void Rollback() override { ++rollbacks; }
+  std::vector<bool> finished;
   std::vector<std::string> labels;
   std::vector<size_t> itemCounts;
   int rollbacks = 0;
@@ -115,6 +117,7 @@ TEST_F(WizardTest, RunReportsUndoAndUnknownNames) {
   EXPECT_EQ(undo.labels, std::vector<std::string>{"Maximize amplitude"});
   EXPECT_EQ(undo.itemCounts, std::vector<size_t>{3});
   EXPECT_TRUE(wizard.undoTaken);
+  EXPECT_EQ(undo.finished, std::vector<bool>{false});
   CancelWizard(wizard);
   EXPECT_EQ(undo.rollbacks, 1);
 

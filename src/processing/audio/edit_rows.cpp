@@ -723,7 +723,8 @@ void SmoothRange(float* samples, uint32_t channels, uint32_t length, uint32_t s,
   if (e > length) e = length;
   if (s >= e) return;
   for (uint32_t c = 0; c < channels; ++c) {
-    auto x = [&](int64_t frame) -> float& { return samples[size_t(frame) * channels + c]; };
+    // Frame -1 is the block's zero guard frame before the first: a signed index reaches it.
+    auto x = [&](int64_t frame) -> float& { return samples[frame * int64_t(channels) + int64_t(c)]; };
     if (filter == 0 || filter == 1) {
       if (e - s < 3) continue;
       // Runs on the old neighbours: the previous input is carried along.
