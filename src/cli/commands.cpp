@@ -113,6 +113,8 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
   auto* noFlag = convertCommand->add_flag("--no", no, "Answer every question with no / skip");
   yesFlag->excludes(noFlag);
 
+  const std::function<int()> runStates = AddStatesCommand(app, out, err);
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -129,6 +131,7 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
     ~Restore() { SetUserInterface(nullptr); }
   } restore;
 
+  if (const int code = runStates(); code >= 0) return code;
   if (*formats) return RunFormats(readable, writable, formatsJson, out);
   if (*params) return RunParams(paramsJson, out);
   if (*settings) return RunSettings(settingsArguments, out, err);
