@@ -118,6 +118,7 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
 
   RenderNoteCommand renderNote(app);
   ProcessCommand process(app);
+  const std::function<int()> runStates = AddStatesCommand(app, out, err);
 
   try {
     app.parse(argc, argv);
@@ -136,6 +137,7 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
   } restore;
 
   if (renderNote.Selected()) return renderNote.Run(out, err);
+  if (const int code = runStates(); code >= 0) return code;
   if (*formats) return RunFormats(readable, writable, formatsJson, out);
   if (*params) return RunParams(paramsJson, out);
   if (*settings) return RunSettings(settingsArguments, out, err);

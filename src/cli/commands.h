@@ -1,11 +1,16 @@
 // The sub-commands of `orlin`. Exit status: 0 success, 1 a file failed, 2 bad usage.
 #pragma once
+#include <functional>
 #include <ostream>
 #include <string>
 #include <vector>
 
 #include "core/collection.h"
 #include "core/user_interface.h"
+
+namespace CLI {
+class App;
+}
 
 namespace orlin::cli {
 
@@ -61,6 +66,9 @@ struct ConvertRequest {
   std::string saveAllMode;  // empty: one file per input
 };
 int RunConvert(const ConvertRequest& request, std::ostream& out, std::ostream& err);
+
+// Adds `orlin states`; the function runs it after parsing and answers -1 when it was not given.
+std::function<int()> AddStatesCommand(CLI::App& app, std::ostream& out, std::ostream& err);
 
 // Text lines describing the items of a collection as a tree, for `orlin info`.
 std::vector<std::string> DescribeTree(const Collection& collection);

@@ -170,6 +170,11 @@ std::string FormatParamValue(const ParamInfo& row, float value, bool midCIsC3) {
 // ---------------------------------------------------------------------------------------------
 // Articulation
 
+void Articulation::Assign(const float* values, const uint64_t* mask) {
+  std::copy_n(values, kArticulationParamCount, values_);
+  std::copy_n(mask, 3, mask_);
+}
+
 void Articulation::Reset() {
   for (ParamId id = 0; id < kArticulationParamCount; ++id) values_[id] = kParamRows[id].defaultValue;
   mask_[0] = mask_[1] = mask_[2] = 0;

@@ -130,6 +130,8 @@ class Articulation {
   bool IsSet(ParamId id) const { return id < kArticulationParamCount && (mask_[id >> 6] >> (id & 63)) & 1; }
   bool AnySet() const { return mask_[0] | mask_[1] | mask_[2]; }
   const uint64_t* Mask() const { return mask_; }
+  // Takes 189 values and the three mask words as they stand, unrounded (a stored snapshot).
+  void Assign(const float* values, const uint64_t* mask);
   // Rounds by the row's kind, clamps to the plain row's bounds, stores and sets the bit.
   void Set(ParamId id, float value);
   // Takes a value from the level above as it is: stored, set bit cleared.

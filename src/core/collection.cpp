@@ -1009,6 +1009,35 @@ Item* Collection::CreateItem(uint32_t itemId) {
   }
 }
 
+void Collection::TakeItemsFrom(Collection& source) {
+  for (Item* item : source.AllItems()) {
+    if (item == &source) continue;
+    source.items_.erase(item->id);
+    source.Unlink(item);
+    --source.typeCounts_[uint32_t(item->Type())];
+    item->collection = this;
+    if (items_.count(item->id)) item->id = MakeId(item->Type(), NextFreeIndex(item->Type()));
+    items_[item->id] = item;
+    LinkAtEnd(item);
+    ++typeCounts_[uint32_t(item->Type())];
+  }
+}
+
+void Collection::PlaceBefore(Item* item, uint32_t beforeId) {
+  Item* before = FindItem(beforeId);
+  if (before == item || item->collection != this) return;
+  Unlink(item);
+  if (!before) {
+    LinkAtEnd(item);
+    return;
+  }
+  item->nextInOrder_ = before;
+  item->previousInOrder_ = before->previousInOrder_;
+  if (before->previousInOrder_) before->previousInOrder_->nextInOrder_ = item;
+  else firstInOrder_ = item;
+  before->previousInOrder_ = item;
+}
+
 std::vector<Item*> Collection::AllItems() const {
   std::vector<Item*> out;
   for (Item* at = firstInOrder_; at; at = at->nextInOrder_) out.push_back(at);

@@ -77,6 +77,13 @@ class Item {
   virtual float GetInheritedParam(ParamId id) const;
   // Base: the text rows 209-216; null for other ids.
   virtual const ParamInfo* GetParamInfo(ParamId id) const;
+  // The flat form of the item, for state files, undo blocks and the clipboard (core/serialize.cpp).
+  // Serialize writes exactly SerializedSize() bytes and returns the end; Deserialize reads a record
+  // of the same kind over a default-made item, keeps the id it has, and returns the end or null when
+  // the record is malformed or runs past `end`.
+  virtual size_t SerializedSize() const;
+  virtual uint8_t* Serialize(uint8_t* out) const;
+  virtual const uint8_t* Deserialize(const uint8_t* in, const uint8_t* end);
 
   ItemType Type() const { return TypeOfId(id); }
   Item* Parent() const;
@@ -105,6 +112,8 @@ class Item {
 
 // An item with the seven text fields and an image.
 class TextItem : public Item {
+  friend struct ItemCodec;
+
  public:
   using Item::Item;
   void SetName(std::string_view name) override { SetText(kTextName, name); }
@@ -130,6 +139,8 @@ class TextItem : public Item {
 
 // An item that carries only a name.
 class NamedItem : public Item {
+  friend struct ItemCodec;
+
  public:
   using Item::Item;
   void SetName(std::string_view name) override;
@@ -423,6 +434,14 @@ class Collection : public TextItem {
 
   // Moves every item of `source` into this collection with new ids (the merge of two files).
   void MergeFrom(Collection& source);
+  // Moves every item of `source` into this collection keeping its id; an item whose id is taken here
+  // gets a new one (states are loaded into an empty collection, so that never happens there).
+  void TakeItemsFrom(Collection& source);
+  // Puts `item` before the item `beforeId` in insertion order (at the end for kNullId or an id that
+  // does not resolve): undo brings deleted items back to where they stood.
+  void PlaceBefore(Item* item, uint32_t beforeId);
+  // The item after `item` in insertion order, or null.
+  Item* NextInOrder(const Item* item) const { return item->nextInOrder_; }
 
   int32_t sourceRow = -1;
 

@@ -41,14 +41,6 @@ bool HasLiveChild(const Item& item) {
   return false;
 }
 
-Articulation* ArticulationOf(Item& item) {
-  switch (item.Type()) {
-    case ItemType::Instrument: return &static_cast<Instrument&>(item).articulation;
-    case ItemType::Layer: return &static_cast<Layer&>(item).articulation;
-    case ItemType::Region: return &static_cast<Region&>(item).articulation;
-    default: return nullptr;
-  }
-}
 
 const Articulation& ParentArticulation(const Item& item) {
   Item* parent = item.Parent();
@@ -101,6 +93,15 @@ void FillRegions(Layer& layer) {
 }
 
 }  // namespace
+
+Articulation* ArticulationOf(Item& item) {
+  switch (item.Type()) {
+    case ItemType::Instrument: return &static_cast<Instrument&>(item).articulation;
+    case ItemType::Layer: return &static_cast<Layer&>(item).articulation;
+    case ItemType::Region: return &static_cast<Region&>(item).articulation;
+    default: return nullptr;
+  }
+}
 
 namespace {
 

@@ -41,6 +41,9 @@ bool MoveTriggerParamsUp(Layer& layer);
 // Merges layers whose regions do not overlap; the number of merges.
 int CompactLayers(Instrument& instrument, bool compareTriggers, bool compareArticulations);
 
+// The Articulation of an instrument, layer or region; null for other items.
+Articulation* ArticulationOf(Item& item);
+
 // Chooses a preset of the features word and fixes up the collection under it.
 void ApplyFeatures(Collection& collection, uint64_t features);
 
