@@ -99,9 +99,14 @@ bool ReadDlsCueTable(FileObject& file, const DlsBank& bank, uint64_t fileEnd, bo
 
 // A wsmp body into the record; `cbSize` other than 20 moves the loop record as the writer said.
 DlsSampleInfo ParseWaveSample(const uint8_t* body, size_t size);
-// The unity note and fine tune of a wsmp with the tune folded into the note: beyond 100 cents
-// the tune moves into the note until it lies within 50 cents.
+// The unity note and fine tune of a wsmp with the tune folded into the note: beyond 100 cents the
+// tune moves into the note until it lies within 50 cents. The tune raises what a key plays, so the
+// note moves the other way: 60 with +150 becomes 59 with +50.
 void FoldFineTune(int& note, int& fineTuneCents);
+
+// "Velocity to Volume" of a DLS player's own velocity curve, which a bank need not state.
+constexpr float kDlsVelocityToVolume = 38.4f;
+constexpr uint16_t kDlsVelocityToVolumeParam = 15;
 
 // Connection blocks into articulation values, in file order.
 void ApplyConnections(const std::vector<DlsConnection>& blocks, Articulation& art);

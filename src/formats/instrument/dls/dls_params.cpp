@@ -29,6 +29,7 @@ constexpr uint16_t kTransformConcave = 1;
 
 constexpr int32_t kZeroTime = int32_t(0x80000000);  // "no time at all"
 constexpr int32_t kFilterOff = 0x7FFFFFFF;
+constexpr float kOpenCutoffHz = 24000.0f;
 
 constexpr ParamId kVEnv = kParamFirstEnvelope, kPEnv = kVEnv + kEnvelopeRows, kFEnv = kPEnv + kEnvelopeRows;
 // Envelope rows counted from the envelope's first row.
@@ -157,6 +158,9 @@ constexpr double kSemitoneUnit = 1.5258789e-7;
 constexpr double kPanUnit = 3.051758e-8;
 constexpr double kKeyPanUnit = 2.861023e-9;
 constexpr double kControllerPanUnit = 3.0036986e-8;
+// The velocity curve of a DLS player is the SoundFont one (concave, 96 dB); the SoundFont handler holds that
+// curve as 0.4 of its depth, and so does this one, so that banks convert into each other at the same level.
+constexpr double kVelocityCurveShare = 0.4;
 
 double ToHz(int32_t scale) {
   const double hz = 440.0 * std::exp(double(scale) * kPitchScale - kPitchOffset);
@@ -180,7 +184,7 @@ double FromBlock(const Rule& rule, int32_t scale) {
     case Scale::Percent: return scale * kPercentUnit;
     case Scale::PercentShort: return (uint32_t(scale) & 0xFFFF) * 0.001;
     case Scale::Gain: return scale * kGainUnit;
-    case Scale::InvertedGain: return -scale * kGainUnit;
+    case Scale::InvertedGain: return -scale * kGainUnit * kVelocityCurveShare;
     case Scale::Semitones: return scale * kSemitoneUnit;
     case Scale::KeyPitch: return scale * kSemitoneUnit * 0.0078125;
     case Scale::Pan: return scale * kPanUnit;
@@ -199,7 +203,7 @@ int32_t ToBlock(const Rule& rule, double value) {
     case Scale::Frequency: case Scale::Cutoff: return FromHz(value);
     case Scale::Percent: case Scale::PercentShort: return Clamp32(value / kPercentUnit);
     case Scale::Gain: return Clamp32(value / kGainUnit);
-    case Scale::InvertedGain: return Clamp32(-value / kGainUnit);
+    case Scale::InvertedGain: return Clamp32(-value / kVelocityCurveShare / kGainUnit);
     case Scale::Semitones: return Clamp32(value / kSemitoneUnit);
     case Scale::KeyPitch: return Clamp32(value / 0.0078125 / kSemitoneUnit);
     case Scale::Pan: return Clamp32(value / kPanUnit);
@@ -236,6 +240,10 @@ void ApplyConnections(const std::vector<DlsConnection>& blocks, Articulation& ar
       if (rule.scale == Scale::Cutoff) {
         if (block.scale >= kFilterOff) continue;  // the filter stays off
         if (art.Get(kParamFilterType) == 0.0f) art.Set(kParamFilterType, 2.0f);
+      } else if (rule.destination == kDstCutoff && block.scale != 0 && art.Get(kParamFilterType) == 0.0f) {
+        // A cutoff that moves needs a filter: it starts wide open, as a DLS filter left unstated is.
+        art.Set(kParamFilterType, 2.0f);
+        if (!art.IsSet(kCutoff)) art.Set(kCutoff, kOpenCutoffHz);
       }
       art.Set(rule.param, float(FromBlock(rule, block.scale)));
       if (rule.scale == Scale::VelocityQuotient || rule.scale == Scale::KeyQuotient) quotients.push_back(rule.param);
@@ -272,7 +280,8 @@ std::vector<DlsConnection> ConnectionsOf(const Articulation& art, int level) {
     if (rule.scale == Scale::PercentShort) continue;
     double value = art.Get(rule.param);
     const ParamInfo* info = GetParamRow(rule.param);
-    const bool atDefault = info && float(value) == info->defaultValue;
+    const bool atDefault = rule.scale == Scale::InvertedGain ? float(value) == kDlsVelocityToVolume
+                                                             : info && float(value) == info->defaultValue;
     const bool envelopeTwo = rule.destination >= kDstEg2Attack && rule.destination <= kDstEg2Hold;
     const bool lfoRow = rule.destination == kDstLfoRate || rule.destination == kDstLfoDelay;
     bool write = rule.always || !atDefault;

@@ -263,8 +263,8 @@ void Walk(ParseState& state, RiffCursor& cursor, int depth) {
 
 void FoldFineTune(int& note, int& fineTuneCents) {
   if (fineTuneCents > 100 || fineTuneCents < -100) {
-    while (fineTuneCents > 50) fineTuneCents -= 100, ++note;
-    while (fineTuneCents < -50) fineTuneCents += 100, --note;
+    while (fineTuneCents > 50) fineTuneCents -= 100, --note;
+    while (fineTuneCents < -50) fineTuneCents += 100, ++note;
   }
   note = std::clamp(note, 0, 127);
 }
@@ -379,7 +379,8 @@ bool ReadDlsBank(Collection* collection, FileObject& file, uint64_t startOffset,
     if (!source.copyright.empty()) instrument->SetText(kTextCopyright, source.copyright);
     if (!source.engineer.empty()) instrument->SetText(kTextEngineer, source.engineer);
     if (!source.product.empty()) instrument->SetText(kTextProduct, source.product);
-    // Collection defaults first, then the instrument's own list.
+    // The player's own defaults, the collection's list, then the instrument's own list.
+    instrument->articulation.Set(kDlsVelocityToVolumeParam, kDlsVelocityToVolume);
     if (!bank.globalConnections.empty()) ApplyConnections(bank.globalConnections, instrument->articulation);
     ApplyConnections(source.connections, instrument->articulation);
 
@@ -426,7 +427,13 @@ bool ReadDlsBank(Collection* collection, FileObject& file, uint64_t startOffset,
       }
       // Region lists stand in for the instrument's; a level-2 region keeps them at its own level.
       Articulation& art = region->articulation;
-      if (r.hasConnections) ApplyConnections(r.connections, art);
+      if (r.hasConnections) {
+        // A region's list stands in for the instrument's whole: what it leaves unsaid is the player's default.
+        art.Set(kDlsVelocityToVolumeParam, kDlsVelocityToVolume);
+        ApplyConnections(r.connections, art);
+        for (ParamId id = 0; id < kArticulationParamCount; ++id)
+          if (!art.IsSet(id)) art.Set(id, art.Get(id));
+      }
       const Articulation& above = instrument->articulation;
       if (tuneOffset != 0.0f)
         art.Set(kParamMasterTune, (art.IsSet(kParamMasterTune) ? art : above).Get(kParamMasterTune) + tuneOffset);
