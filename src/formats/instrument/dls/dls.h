@@ -108,6 +108,12 @@ void FoldFineTune(int& note, int& fineTuneCents);
 constexpr float kDlsVelocityToVolume = 38.4f;
 constexpr uint16_t kDlsVelocityToVolumeParam = 15;
 
+// A region's wsmp over its wave: root, loop and release go to the region's overrides; tune and gain
+// beyond the wave's come back as offsets for the region's articulation.
+class Region;
+void ApplyRegionSample(Region& region, const Waveform& wave, const DlsSampleInfo& sample, float& tuneOffset,
+                       float& gainOffset);
+
 // Connection blocks into articulation values, in file order.
 void ApplyConnections(const std::vector<DlsConnection>& blocks, Articulation& art);
 // The blocks that say `art`; level 1 keeps to what art1 can hold.

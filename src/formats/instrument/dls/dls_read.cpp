@@ -324,12 +324,18 @@ bool ReadDlsCueTable(FileObject& file, const DlsBank& bank, uint64_t fileEnd, bo
   const uint32_t headBytes = reader.U32();
   const uint32_t count = reader.U32();
   const uint64_t tableAt = bank.poolTableOffset + 8 + headBytes;
-  if (uint64_t(count) * 4 + headBytes > chunkBytes || (fileEnd && tableAt + uint64_t(count) * 4 > fileEnd))
-    return Fail("Could not read pool cue table");
-  std::vector<uint8_t> table(size_t(count) * 4);
+  if (uint64_t(count) * 4 + headBytes > chunkBytes) return Fail("Could not read pool cue table");
+  // GigaStudio v3 tables hold 8 bytes an entry: an extension file number, then the offset.
+  const bool wide = uint64_t(chunkBytes) - headBytes == uint64_t(count) * 8;
+  const size_t entryBytes = wide ? 8 : 4;
+  if (fileEnd && tableAt + uint64_t(count) * entryBytes > fileEnd) return Fail("Could not read pool cue table");
+  std::vector<uint8_t> table(size_t(count) * entryBytes);
   if (count && !file.ReadAt(tableAt, table.data(), table.size())) return Fail("Could not read pool cue table");
   ByteReader entries(table);
-  for (uint32_t i = 0; i < count; ++i) cues.push_back(entries.U32());
+  for (uint32_t i = 0; i < count; ++i) {
+    if (wide) entries.U32();
+    cues.push_back(entries.U32());
+  }
   haveCues = true;
   return true;
 }
@@ -347,6 +353,39 @@ Waveform* ResolveDlsWave(const DlsBank& bank, const std::vector<uint32_t>& cues,
   if (!warnedWave) Ui().Warn("Warning", "Missing wave");
   warnedWave = true;
   return nullptr;
+}
+
+void ApplyRegionSample(Region& region, const Waveform& wave, const DlsSampleInfo& sample, float& tuneOffset,
+                       float& gainOffset) {
+  if (!sample.present) return;
+  int note = sample.unityNote < 128 ? sample.unityNote : wave.rootKey;
+  int fine = sample.fineTune;
+  FoldFineTune(note, fine);
+  if (note != wave.rootKey) {
+    region.rootKey = uint8_t(note);
+    region.overrideFlags |= Region::kOverrideRoot;
+  }
+  tuneOffset = (fine - wave.fineTune) * 0.01f;
+  const float gain = float(sample.attenuation * 1.5258789e-6);
+  if (std::fabs(gain - wave.gain) > 0.005f) gainOffset = gain - wave.gain;
+  const bool looped = sample.loopCount >= 1 && sample.loopLength > 0;
+  if (!looped) {
+    region.loop.type = 0;
+    region.overrideFlags |= Region::kOverrideLoopType;
+    return;
+  }
+  const float start = float(sample.loopStart), end = float(uint64_t(sample.loopStart) + sample.loopLength);
+  if (wave.loop.type == 0 || start != wave.loop.start || end != wave.loop.end) {
+    region.loop.type = 1;
+    region.loop.start = start;
+    region.loop.end = end;
+    region.overrideFlags |= Region::kOverrideLoopType | Region::kOverrideLoopStart | Region::kOverrideLoopEnd;
+  }
+  const uint8_t release = sample.loopType == 1 ? 1 : 0;
+  if (release != wave.loop.release) {
+    region.loop.release = release;
+    region.overrideFlags |= Region::kOverrideLoopRelease;
+  }
 }
 
 bool ReadDlsBank(Collection* collection, FileObject& file, uint64_t startOffset, uint64_t endOffset, bool embedded) {
@@ -395,36 +434,7 @@ bool ReadDlsBank(Collection* collection, FileObject& file, uint64_t startOffset,
       region->phaseGroup = r.phaseGroup;
       region->phaseMaster = r.linkOptions & 1;
       float tuneOffset = 0.0f, gainOffset = 0.0f;  // what the region's wsmp says beyond the wave's
-      if (r.sample.present && wave) {
-        int note = r.sample.unityNote < 128 ? r.sample.unityNote : wave->rootKey;
-        int fine = r.sample.fineTune;
-        FoldFineTune(note, fine);
-        if (note != wave->rootKey) {
-          region->rootKey = uint8_t(note);
-          region->overrideFlags |= Region::kOverrideRoot;
-        }
-        tuneOffset = (fine - wave->fineTune) * 0.01f;
-        const float gain = float(r.sample.attenuation * 1.5258789e-6);
-        if (std::fabs(gain - wave->gain) > 0.005f) gainOffset = gain - wave->gain;
-        const bool looped = r.sample.loopCount >= 1 && r.sample.loopLength > 0;
-        if (!looped) {
-          region->loop.type = 0;
-          region->overrideFlags |= Region::kOverrideLoopType;
-        } else {
-          const float start = float(r.sample.loopStart), end = float(uint64_t(r.sample.loopStart) + r.sample.loopLength);
-          if (wave->loop.type == 0 || start != wave->loop.start || end != wave->loop.end) {
-            region->loop.type = 1;
-            region->loop.start = start;
-            region->loop.end = end;
-            region->overrideFlags |= Region::kOverrideLoopType | Region::kOverrideLoopStart | Region::kOverrideLoopEnd;
-          }
-          const uint8_t release = r.sample.loopType == 1 ? 1 : 0;
-          if (release != wave->loop.release) {
-            region->loop.release = release;
-            region->overrideFlags |= Region::kOverrideLoopRelease;
-          }
-        }
-      }
+      if (wave) ApplyRegionSample(*region, *wave, r.sample, tuneOffset, gainOffset);
       // Region lists stand in for the instrument's; a level-2 region keeps them at its own level.
       Articulation& art = region->articulation;
       if (r.hasConnections) {
