@@ -8,6 +8,8 @@
 #include "formats/audio/w64.h"
 #include "formats/audio/wav.h"
 #include "formats/common/generic_rows.h"
+#include "formats/instrument/dls/dls.h"
+#include "formats/instrument/gig/gig.h"
 #include "formats/instrument/sfz/sfz.h"
 #include "formats/instrument/soundfont/soundfont.h"
 #include "formats/song/midi.h"
@@ -79,12 +81,12 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /*  58 */ {"dewf", nullptr, nullptr, nullptr, "SoundCap/SoundEdit", 0x01, 0x00100001, 0x0, nullptr},  // SoundCap/SoundEdit: 8-bit mono
     /*  59 */ {"dig", nullptr, nullptr, nullptr, "Digilink", 0x01, 0x00300005, 0x0, nullptr},  // Digilink sample: 8/16-bit
     /*  60 */ {"dig", nullptr, nullptr, nullptr, "Sound Designer I", 0x01, 0x00100004, 0x1, nullptr},  // Sound Designer I: 16-bit mono
-    /*  61 */ {"dlp", nullptr, nullptr, nullptr, "DirectMusic Producer", 0x91, 0x00100005, 0x0, nullptr},  // DirectMusic Producer DLS project: 8/16-bit PCM mono waves
-    /*  62 */ {"dls", nullptr, nullptr, nullptr, "DownLoadable Sounds", 0x91, 0x00100005, 0x0, nullptr},  // DLS: 8/16-bit PCM mono waves
-    /*  63 */ {"dls", nullptr, nullptr, nullptr, "DownLoadable Sounds level 1", 0x91, 0x00100005, 0x1, nullptr},  // DLS level 1: 8/16-bit PCM, mono
-    /*  64 */ {"dls", nullptr, nullptr, nullptr, "DownLoadable Sounds level 2", 0x91, 0x02100005, 0x2, nullptr},  // DLS level 2: 8/16-bit PCM mono, stereo as linked mono pairs
-    /*  65 */ {"dls", nullptr, nullptr, nullptr, "DownLoadable Sounds level 2+", 0x91, 0x02122375, 0x3, nullptr},  // DLS with own extensions: compressed waves, stereo as linked mono pairs
-    /*  66 */ {"dls", nullptr, nullptr, nullptr, "DownLoadable Sounds level 2++", 0x91, 0x00322375, 0x4, nullptr},  // DLS with own extensions: PCM 8-32, float, G.711, ADPCM, compressed, stereo waves
+    /*  61 */ {"dlp", ReadDls, nullptr, DetectDls, "DirectMusic Producer", 0x91, 0x00100005, 0x0, nullptr},  // DirectMusic Producer DLS project: 8/16-bit PCM mono waves
+    /*  62 */ {"dls", ReadDls, nullptr, DetectDls, "DownLoadable Sounds", 0x91, 0x00100005, 0x0, nullptr},  // DLS: 8/16-bit PCM mono waves
+    /*  63 */ {"dls", nullptr, WriteDls, nullptr, "DownLoadable Sounds level 1", 0x91, 0x00100005, 0x1, nullptr},  // DLS level 1: 8/16-bit PCM, mono
+    /*  64 */ {"dls", nullptr, WriteDls, nullptr, "DownLoadable Sounds level 2", 0x91, 0x02100005, 0x2, nullptr},  // DLS level 2: 8/16-bit PCM mono, stereo as linked mono pairs
+    /*  65 */ {"dls", nullptr, WriteDls, nullptr, "DownLoadable Sounds level 2+", 0x91, 0x02122375, 0x3, nullptr},  // DLS with own extensions: compressed waves, stereo as linked mono pairs
+    /*  66 */ {"dls", nullptr, WriteDls, nullptr, "DownLoadable Sounds level 2++", 0x91, 0x00322375, 0x4, nullptr},  // DLS with own extensions: PCM 8-32, float, G.711, ADPCM, compressed, stereo waves
     /*  67 */ {"dmf", ReadOtherModule<ModuleKind::XTracker>, nullptr, DetectOtherModule<ModuleKind::XTracker>, "XTracker module", 0xD1, 0x00000000, 0x0, nullptr},
     /*  68 */ {"dmg", nullptr, nullptr, nullptr, "ChkSys AKAI S-series", 0x91, 0x00100006, 0x0, nullptr},  // AKAI S-series disk: 12/16-bit mono samples
     /*  69 */ {"dr8", nullptr, nullptr, nullptr, "FXpansion DR-008 drums", 0x91, 0x00300014, 0x0, nullptr},  // drum-machine kit referencing or embedding WAV samples
@@ -180,12 +182,12 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /* 159 */ {"g726-5", ReadCodecRaw, WriteCodecRaw, DetectByExtensionOnly, "G.726 5-bit ADPCM - Big Endian", 0x01, 0x00104000, 0x80151, nullptr},  // G.726: 40 kbit/s 5-bit ADPCM, mono
     /* 160 */ {"g726-5", ReadCodecRaw, WriteCodecRaw, DetectByExtensionOnly, "G.726 5-bit ADPCM - Little Endian", 0x01, 0x00104000, 0x80152, nullptr},  // G.726: 40 kbit/s 5-bit ADPCM, mono
     /* 161 */ {"gdm", nullptr, nullptr, nullptr, "Bells, Whistles, Sound Boards module", 0x91, 0x00100005, 0x0, nullptr},  // tracker module: 8/16-bit mono samples, patterns not kept
-    /* 162 */ {"gig", nullptr, nullptr, nullptr, "GigaStudio/GigaSampler", 0x91, 0x00300014, 0x0, nullptr},  // GigaStudio: DLS-based, 16/24-bit waves, mono or stereo
+    /* 162 */ {"gig", ReadGig, nullptr, DetectGig, "GigaStudio/GigaSampler", 0x91, 0x00300014, 0x0, nullptr},  // GigaStudio: DLS-based, 16/24-bit waves, mono or stereo
     /* 163 */ {"gig", nullptr, nullptr, nullptr, "GigaStudio v1 - Normal", 0x91, 0x00300004, 0x1, nullptr},  // GigaStudio v1/v2: 16-bit waves, mono or stereo
     /* 164 */ {"gig", nullptr, nullptr, nullptr, "GigaStudio v1 - Compressed", 0x91, 0x00300004, 0x2, nullptr},  // GigaStudio v1/v2: 16-bit waves, lossless packed
     /* 165 */ {"gig", nullptr, nullptr, nullptr, "GigaStudio v3 - Normal", 0x91, 0x00300014, 0x3, nullptr},  // GigaStudio v3: 16/24-bit waves, mono or stereo
     /* 166 */ {"gig", nullptr, nullptr, nullptr, "GigaStudio v3 - Compressed", 0x91, 0x00300014, 0x4, nullptr},  // GigaStudio v3: 16/24-bit waves, lossless packed
-    /* 167 */ {"gi!", nullptr, nullptr, nullptr, "GigaStudio/GSImport split", 0x91, 0x00300014, 0x0, nullptr},  // GigaStudio split: DLS-based, 16/24-bit waves
+    /* 167 */ {"gi!", ReadGig, nullptr, DetectGig, "GigaStudio/GSImport split", 0x91, 0x00300014, 0x0, nullptr},  // GigaStudio split: DLS-based, 16/24-bit waves
     /* 168 */ {"gkh", nullptr, nullptr, nullptr, "Ensoniq EPS disk image", 0x91, 0x00100004, 0x0, nullptr},  // Ensoniq disk image: 16-bit mono samples with instruments
     /* 169 */ {"gsm", ReadCodecRaw, WriteCodecRaw, DetectByExtensionOnly, "Raw GSM 06.10", 0x01, 0x00100400, 0x80400, nullptr},  // GSM 06.10 full-rate: 33-byte frames, 8 kHz mono
     /* 170 */ {"gsm", ReadCodecRaw, WriteCodecRaw, DetectByExtensionOnly, "Raw GSM 06.10 'byte aligned'", 0x01, 0x00100400, 0x80410, nullptr},  // GSM 06.10 full-rate: 33-byte frames, 8 kHz mono
@@ -255,7 +257,7 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /* 234 */ {"mka", ReadMediaContainer, WriteMka, DetectMatroska, "Matriska audio", 0x01, 0x00300014, 0x0, nullptr},  // Matroska: PCM or lossy audio tracks
     /* 235 */ {"mkv", ReadMediaContainer, nullptr, DetectMatroska, "Matriska video", 0x01, 0x00320054, 0x0, nullptr},  // Matroska: PCM or lossy audio tracks
     /* 236 */ {"mld", nullptr, nullptr, nullptr, "i-Melody", 0x60, 0x00080000, 0x0, nullptr},  // MLD ring-tone: note events
-    /* 237 */ {"mls", nullptr, nullptr, nullptr, "Miles Sound System", 0x91, 0x00102005, 0x0, nullptr},  // Miles bank: DLS with compressed waves
+    /* 237 */ {"mls", ReadDls, nullptr, DetectDls, "Miles Sound System", 0x91, 0x00102005, 0x0, nullptr},  // Miles bank: DLS with compressed waves
     /* 238 */ {"mmf", nullptr, nullptr, nullptr, "Synthetic music mobile", 0x60, 0x00080000, 0x0, nullptr},  // SMAF: sequence of note events
     /* 239 */ {"mod", ReadModModule, nullptr, DetectModModule, "Tracker module", 0xD1, 0x00100001, 0x0, nullptr},  // ProTracker module: 8-bit mono samples, patterns as song
     /* 240 */ {"mov", ReadMediaContainer, nullptr, DetectQuickTime, "Apple QuickTime movie", 0x01, 0x003223F5, 0x0, nullptr},  // QuickTime audio: PCM, float, G.711, IMA4, AAC
@@ -365,10 +367,10 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /* 344 */ {"rom", nullptr, nullptr, nullptr, "Roland D-50 PCM ROM", 0x91, 0x00100002, 0x0, nullptr},  // sample ROM dump: 12-bit mono
     /* 345 */ {"rom", nullptr, nullptr, nullptr, "Roland MT-32 PCM ROM", 0x91, 0x00100004, 0x1, nullptr},  // sample ROM dump: 16-bit mono
     /* 346 */ {"rom", nullptr, nullptr, nullptr, "Roland MT-32 Control ROM", 0x82, 0x00000000, 0x2, nullptr},  // control ROM: synthesis parameters, no samples
-    /* 347 */ {"rmi", nullptr, nullptr, nullptr, "RIFF-MIDI (DLS optional)", 0xD1, 0x02180005, 0x0, nullptr},  // RIFF-MIDI: MIDI song with optional DLS bank
-    /* 348 */ {"rmi", nullptr, nullptr, nullptr, "RIFF-MIDI w no instruments", 0x60, 0x00080000, 0x1, nullptr},  // RIFF-MIDI: MIDI song only
-    /* 349 */ {"rmi", nullptr, nullptr, nullptr, "RIFF-MIDI w DLS level 1 instruments", 0xD1, 0x00180005, 0x2, nullptr},  // RIFF-MIDI with DLS level 1: 8/16-bit mono waves
-    /* 350 */ {"rmi", nullptr, nullptr, nullptr, "RIFF-MIDI w DLS level 2 instruments", 0xD1, 0x02180005, 0x3, nullptr},  // RIFF-MIDI with DLS level 2: 8/16-bit mono, stereo as pairs
+    /* 347 */ {"rmi", ReadRmi, WriteRmi, DetectRmi, "RIFF-MIDI (DLS optional)", 0xD1, 0x02180005, 0x0, nullptr},  // RIFF-MIDI: MIDI song with optional DLS bank
+    /* 348 */ {"rmi", nullptr, WriteRmi, nullptr, "RIFF-MIDI w no instruments", 0x60, 0x00080000, 0x1, nullptr},  // RIFF-MIDI: MIDI song only
+    /* 349 */ {"rmi", nullptr, WriteRmi, nullptr, "RIFF-MIDI w DLS level 1 instruments", 0xD1, 0x00180005, 0x2, nullptr},  // RIFF-MIDI with DLS level 1: 8/16-bit mono waves
+    /* 350 */ {"rmi", nullptr, WriteRmi, nullptr, "RIFF-MIDI w DLS level 2 instruments", 0xD1, 0x02180005, 0x3, nullptr},  // RIFF-MIDI with DLS level 2: 8/16-bit mono, stereo as pairs
     /* 351 */ {"rockwell", ReadCodecRaw, nullptr, DetectByExtensionOnly, "Rockwell ADPCM", 0x01, 0x00103800, 0x640, nullptr},  // Rockwell ADPCM: 2/3/4-bit, mono
     /* 352 */ {"rockwell-2", ReadCodecRaw, nullptr, DetectByExtensionOnly, "Rockwell 2-bit ADPCM", 0x01, 0x00100800, 0x620, nullptr},  // Rockwell ADPCM: 2-bit, mono
     /* 353 */ {"rockwell-3", ReadCodecRaw, nullptr, DetectByExtensionOnly, "Rockwell 3-bit ADPCM", 0x01, 0x00101000, 0x630, nullptr},  // Rockwell ADPCM: 3-bit, mono
