@@ -8,7 +8,8 @@ namespace orlin {
 
 extern const ParamInfo kParamRows[kParamCount];
 const ParamInfo kParamRows[kParamCount] = {
-    {0, 2, 2, 0x00, 2550, 0.0f, -48.0f, 48.0f, "Master tuning Pitch adjustment", nullptr},
+    // Tuning spans the SoundFont coarse tune range (-120..120): banks tune samples 62 semitones down.
+    {0, 2, 2, 0x00, 2550, 0.0f, -120.0f, 120.0f, "Master tuning Pitch adjustment", nullptr},
     {1, 2, 2, 0x00, 2551, 1.0f, -12.0f, 12.0f, "Key to Pitch", "Semitones per key, centered on Root key"},
     {2, 2, 2, 0x00, 2552, 2.0f, -96.0f, 96.0f, "Pitch bender to Pitch", nullptr},
     {3, 2, 2, 0x00, 2553, 0.0f, -96.0f, 96.0f, "P-LFO to Pitch", nullptr},
@@ -32,7 +33,9 @@ const ParamInfo kParamRows[kParamCount] = {
     {21, 2, 1, 0x00, 2524, 0.0f, -96.0f, 96.0f, "Aftertrouch to V-LFO to Volume", nullptr},
     {22, 2, 1, 0x00, 2525, 0.0f, -96.0f, 96.0f, "Velocity to V-LFO to Volume", "Bipolar source"},
     {23, 18, 0, 0x06, 2601, 0.0f, 0.0f, 12.0f, "Filter type", nullptr},
-    {24, 3, 5, 0x04, 2627, 8000.0f, 8.0f, 24000.0f, "Filter Cutoff frequency", nullptr},
+    // The cutoff is held above 24 kHz too: a SoundFont cutoff near 20 kHz is read at mid velocity, an
+    // octave higher.
+    {24, 3, 5, 0x04, 2627, 8000.0f, 8.0f, 48000.0f, "Filter Cutoff frequency", nullptr},
     {25, 2, 2, 0x00, 2628, 0.0f, -128.0f, 128.0f, "Velocity to Filter Cutoff", "Bipolar source"},
     {26, 2, 2, 0x00, 2629, 0.0f, -128.0f, 128.0f, "Key number to Filter Cutoff", "Centered on mid-C"},
     {27, 2, 2, 0x00, 2630, 0.0f, -128.0f, 128.0f, "Mod wheel to Filter Cutoff", nullptr},

@@ -32,13 +32,13 @@ struct ExpectedRow {
 
 TEST(ParamTable, SpotCheckedRows) {
   const ExpectedRow rows[] = {
-      {0, "Master tuning Pitch adjustment", nullptr, 2, "st", 0, -48, 48, 2550, 0x00},
+      {0, "Master tuning Pitch adjustment", nullptr, 2, "st", 0, -120, 120, 2550, 0x00},
       {1, "Key to Pitch", "Semitones per key, centered on Root key", 2, "st", 1, -12, 12, 2551, 0},
       {13, "Random to Pitch", "Bipolar source", 2, "st", 0, 0, 96, 2565, 0},
       {15, "Velocity to Volume", "Special transform, negative inverts range", 2, "dB", 96, -96, 96, 2517, 0},
       {21, "Aftertrouch to V-LFO to Volume", nullptr, 2, "dB", 0, -96, 96, 2524, 0},
       {23, "Filter type", nullptr, 18, "", 0, 0, 12, 2601, 0x06},
-      {24, "Filter Cutoff frequency", nullptr, 3, "Hz", 8000, 8, 24000, 2627, 0x04},
+      {24, "Filter Cutoff frequency", nullptr, 3, "Hz", 8000, 8, 48000, 2627, 0x04},
       {42, "EQ 1 Q-value", "Band-width is a function of Center frequency / Q", 2, "x", 0.71f, 0.01f, 10, 2714, 0x04},
       {51, "Pan position", "-100% = full left | 0% = centered | +100% = full right", 6, "%", 0, -1, 1, 2740, 0},
       {63, "Send channel 3 level", nullptr, 6, "%", 0, 0, 1, 2813, 0},

@@ -256,31 +256,29 @@ TEST(Sfz, EdgeCaseRegions) {
   EXPECT_EQ(collection.CountOf(ItemType::Waveform), 2u);
 }
 
-// The WAV files store a fine tune of +3 on root 60 as unity note 59 plus 97 cents; a region's key center
-// replaces the root but keeps the fine tune, so the reader must take the wave as 60 plus 3 cents.
-TEST(Sfz, KeyCenterOverAWaveTunedUpKeepsItsPitch) {
+// Players tune a region by its key center and `tune` alone and never hear the wave's smpl fraction
+// (here +3 cents on 60, stored as unity note 59 plus 97 cents, and -30): the region sounds at its key
+// center plus `tune`, whatever the wave says.
+TEST(Sfz, KeyCenterAndTuneDecideThePitch) {
   test::ScratchDir dir;
   WriteTestWave(dir.File("up.wav"), 1000, 0, 0, 3);
   WriteTestWave(dir.File("down.wav"), 1000, 0, 0, -30);
   WriteText(dir.File("tuned.sfz"),
             "<region> sample=up.wav pitch_keycenter=60 lokey=0 hikey=63\n"
-            "<region> sample=down.wav pitch_keycenter=72 lokey=64 hikey=127\n");
+            "<region> sample=down.wav pitch_keycenter=72 tune=12 lokey=64 hikey=127\n");
   Collection collection;
   ASSERT_TRUE(LoadFile(collection, dir.File("tuned.sfz"), false)) << LastError();
+  auto cents = [](const Region* region) {
+    return std::lround(region->GetWave()->fineTune + region->articulation.Get(kParamMasterTune) * 100.0);
+  };
   Region* up = RegionAtKey(collection, 60);
   Region* down = RegionAtKey(collection, 72);
   ASSERT_NE(up, nullptr);
   ASSERT_NE(down, nullptr);
   EXPECT_EQ(up->EffectiveRootKey(), 60);
-  const Waveform* upWave = up->GetWave();
-  ASSERT_NE(upWave, nullptr);
-  EXPECT_EQ(upWave->rootKey, 60);
-  EXPECT_EQ(upWave->fineTune, 3);
-  const Waveform* downWave = down->GetWave();
-  ASSERT_NE(downWave, nullptr);
+  EXPECT_EQ(cents(up), 0);
   EXPECT_EQ(down->EffectiveRootKey(), 72);
-  EXPECT_EQ(downWave->rootKey, 60) << "a fraction under half a semitone stays on its unity note";
-  EXPECT_EQ(downWave->fineTune, -30);
+  EXPECT_EQ(cents(down), 12);
 }
 
 TEST(Sfz, ControllerStartValuesFiltersAndEffects) {

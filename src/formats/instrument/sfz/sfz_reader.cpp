@@ -25,6 +25,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
+constexpr int kDrumChannel = 10;
+
 constexpr float kLargestValue = 1e9f;  // hostile numbers are cut here before any conversion
 constexpr int kMaxRegions = 200000;
 
@@ -125,7 +127,7 @@ class SfzReader {
   void FinishEffect();
   Waveform* LoadWave(const std::string& sample, const Value& at);
   bool FindSample(const std::string& sample, std::string& found) const;
-  void Convert(const Level& opcodes, Region& region, Waveform& wave);
+  void Convert(const Level& opcodes, Region& region, Waveform& wave, bool keyCenterGiven);
 
   Collection* collection_;
   std::string path_;
@@ -303,21 +305,13 @@ void SfzReader::FinishRegion() {
   if (!wave) return;
   if (root > 127) root = 127;
   if (root < 0) root = -1;  // not given: the wave keeps its own root
-  // A key center names the key the wave sounds nearest to, and replaces the wave's own root while the
-  // fine tune stays. A smpl pitch fraction only counts up from its unity note, so a wave 3 cents under
-  // 60 comes in as root 59 with -97 cents: take it as root 60 with +3, the same pitch, before the key
-  // center replaces the root, or the region would sound almost a semitone low.
-  if (root >= 0 && wave->fineTune < -50 && wave->rootKey < 127) {
-    wave->rootKey = uint8_t(wave->rootKey + 1);
-    wave->fineTune = int8_t(wave->fineTune + 100);
-  }
   Region* region = instrument_->AddRegion(wave->id, PackRange(loKey, hiKey),
                                           PackRange(std::clamp(loVel, 0, 127), std::clamp(hiVel, 0, 127)), root);
   if (!region) return;
-  Convert(opcodes, *region, *wave);
+  Convert(opcodes, *region, *wave, root >= 0);
 }
 
-void SfzReader::Convert(const Level& opcodes, Region& region, Waveform& wave) {
+void SfzReader::Convert(const Level& opcodes, Region& region, Waveform& wave, bool keyCenterGiven) {
   Articulation& art = region.articulation;
   auto has = [&](const char* name) { return opcodes.count(name) != 0; };
   auto text = [&](const char* name) -> std::string {
@@ -443,9 +437,12 @@ void SfzReader::Convert(const Level& opcodes, Region& region, Waveform& wave) {
   if (use("xf_velcurve")) region.SetParam(199, text("xf_velcurve") == "gain" ? 1.0f : 0.0f);
 
   // Pitch.
+  // With a key center, players tune by `tune` alone and never hear the wave's smpl fraction: the
+  // region takes the wave's fine tune back out.
   const double tuneCc = ccSum("tune");
-  if (useEither("tune", "transpose") || tuneCc != 0.0)
-    art.Set(kParamMasterTune, float(num("transpose", 0) + (num("tune", 0) + tuneCc) * 0.01));
+  const double waveFine = keyCenterGiven ? wave.fineTune : 0.0;
+  if (useEither("tune", "transpose") || tuneCc != 0.0 || waveFine != 0.0)
+    art.Set(kParamMasterTune, float(num("transpose", 0) + (num("tune", 0) + tuneCc - waveFine) * 0.01));
   if (use("pitch_keytrack")) art.Set(1, float(num("pitch_keytrack", 100) * 0.01));
   if (useEither("bend_up", "bend_down")) {
     const double up = num("bend_up", 200), down = num("bend_down", -200);
@@ -462,7 +459,8 @@ void SfzReader::Convert(const Level& opcodes, Region& region, Waveform& wave) {
     volumeSet = true;
   }
   if (ccSum("volume") != 0.0) volumeSet = true;
-  if (use("amp_veltrack")) art.Set(15, float(num("amp_veltrack", 100) * 0.96));
+  use("amp_veltrack");  // without it a region tracks velocity at 100 %, not at the model's default
+  art.Set(15, float(num("amp_veltrack", 100) * sfz_units::kVelocityTrackDbPerPercent));
   if (use("amp_keytrack")) art.Set(16, float(num("amp_keytrack", 0) * 0.12));
   if (use("volume_oncc1")) art.Set(17, float(num("volume_oncc1", 0)));
 
@@ -511,6 +509,9 @@ void SfzReader::Convert(const Level& opcodes, Region& region, Waveform& wave) {
       ParseSfzKey(text("fil_keycenter"), center);
       cutoff *= std::exp((60 - center) * keyTrack * 0.057762265);
     }
+    // `cutoff` is the frequency at velocity 0; the model's stands higher by part of the velocity track.
+    const double velocityTrack = num("fil_veltrack", 0) * 0.01;
+    cutoff = sfz_units::ModelCutoff(cutoff, velocityTrack);
     art.Set(kParamFilterType, float(type));
     art.Set(24, float(cutoff));
     if (use("resonance")) {
@@ -519,7 +520,7 @@ void SfzReader::Convert(const Level& opcodes, Region& region, Waveform& wave) {
       volume -= resonance * 0.5;  // the peak is compensated by half its height
       volumeSet = true;
     }
-    if (use("fil_veltrack")) art.Set(25, float(num("fil_veltrack", 0) * 0.01));
+    if (use("fil_veltrack")) art.Set(25, float(velocityTrack));
     if (use("fil_keytrack")) art.Set(26, float(keyTrack));
     if (use("cutoff_oncc1")) art.Set(27, float(num("cutoff_oncc1", 0) * 0.01));
     if (use("cutoff_chanaft")) art.Set(28, float(num("cutoff_chanaft", 0) * 0.01));
@@ -563,11 +564,18 @@ void SfzReader::Convert(const Level& opcodes, Region& region, Waveform& wave) {
     record.times[2] = float(num(p + "hold", 0));
     record.times[3] = float(num(p + "decay", 0));
     record.times[4] = float(num(p + "release", 0));
-    record.levels[0] = start;
-    record.levels[1] = start;
+    // The amplifier's levels are percent of linear amplitude, the V-ENV's normalised decibels.
+    const bool amplifier = kind.index == 0;
+    auto level = [&](double percent) {
+      return float(amplifier ? sfz_units::LevelFromPercent(percent) : percent * 0.01);
+    };
+    record.levels[0] = level(start * 100.0);
+    record.levels[1] = record.levels[0];
     record.levels[2] = 1.0f;
     record.levels[3] = 1.0f;
-    record.levels[4] = float(num(p + "sustain", 100) * 0.01);
+    record.levels[4] = level(num(p + "sustain", 100));
+    if (num(p + "sustain", 100) > 100.0 && loggedKeys_.insert(p + "sustain>100").second)
+      Log(opcodes.at(p + "sustain"), p + "sustain above 100 % is clamped to 100 %");
     // Velocity to time: the quotient of the time at full velocity and the plain time.
     for (int stage = 0; stage < 5; ++stage) {
       const std::string name = p + kVelocityStages[stage];

@@ -45,6 +45,7 @@ constexpr const char* kFilterTypeNames[13] = {
     "", "lpf_1p", "lpf_2p", "lpf_4p", "lpf_4p", "hpf_1p", "hpf_2p", "hpf_4p", "hpf_4p",
     "bpf_1p", "bpf_2p", "brf_1p", "brf_2p",
 };
+constexpr int kDrumChannel = 10;
 constexpr const char* kEqTypeNames[3] = {"peak", "lshelf", "hshelf"};
 
 std::string FormatG(double value) {
@@ -64,18 +65,46 @@ class Lines {
 // Bandwidth in octaves of a band of quality `q`.
 double BandwidthFromQ(double q) { return 2.0 / std::log(2.0) * std::asinh(1.0 / (2.0 * std::max(q, 0.01))); }
 
+// What one level writes beyond its articulation: the wave's own fine tune (SFZ players never hear
+// the smpl fraction once pitch_keycenter is given, so `tune` carries it), and whether this is <global>.
+struct LevelContext {
+  int waveFineCents = 0;
+  bool global = false;
+};
+
+// The pitch LFO as SFZ sees it: the model's P-LFO, or, when that is silent, the X-LFO's pitch part (a
+// SoundFont's modulation LFO vibrato) on the pitch LFO the file leaves free.
+struct PitchLfoView {
+  double freq, delay, fade, depth, depthCc1, depthChanAft;
+  bool operator!=(const PitchLfoView& o) const {
+    return freq != o.freq || delay != o.delay || fade != o.fade || depth != o.depth || depthCc1 != o.depthCc1 ||
+           depthChanAft != o.depthChanAft;
+  }
+};
+PitchLfoView PitchLfoOf(const Articulation& art) {
+  const bool ownSilent = art.Get(3) == 0.0f && art.Get(4) == 0.0f && art.Get(5) == 0.0f;
+  const bool modulation = art.Get(7) != 0.0f || art.Get(8) != 0.0f || art.Get(9) != 0.0f;
+  const ParamId rows = ownSilent && modulation ? 77 : 65;
+  const ParamId depth = ownSilent && modulation ? 7 : 3;
+  return {art.Get(rows + 1), art.Get(rows + 2), art.Get(rows + 3),
+          art.Get(depth) * 100.0, art.Get(depth + 1) * 100.0, art.Get(depth + 2) * 100.0};
+}
+
 // One level's opcodes: ids set at `art` whose value differs from `parent`'s effective value.
-void WriteArticulation(Lines& out, const Articulation& art, const Articulation& parent, bool v2, bool forceAll) {
+void WriteArticulation(Lines& out, const Articulation& art, const Articulation& parent, bool v2, bool forceAll,
+                       const LevelContext& context = {}) {
   auto differs = [&](ParamId id) {
     return art.IsSet(id) && (forceAll ? art.Get(id) != DefaultArticulation().Get(id) : art.Get(id) != parent.Get(id));
   };
   auto value = [&](ParamId id) { return double(art.Get(id)); };
-  if (differs(kParamMasterTune)) {
-    const double semitones = value(kParamMasterTune);
-    const long transpose = long(std::trunc(semitones));
-    if (transpose != 0) out.Int("transpose", transpose);
-    const long cents = std::lround((semitones - double(transpose)) * 100.0);
-    if (cents != 0) out.Int("tune", cents);
+  // Tuning in cents, the wave's fine tune included; transpose and tune replace the level above's, so
+  // both are written when either changes.
+  const long cents = std::lround(value(kParamMasterTune) * 100.0) + context.waveFineCents;
+  const long parentCents = forceAll ? 0 : std::lround(double(parent.Get(kParamMasterTune)) * 100.0);
+  if (cents != parentCents) {
+    const long transpose = cents / 100;  // toward zero, so that |tune| stays under 100
+    if (transpose != 0 || parentCents / 100 != 0) out.Int("transpose", transpose);
+    out.Int("tune", cents - transpose * 100);
   }
   if (differs(1)) out.Float("pitch_keytrack", value(1) * 100.0);
   if (differs(2)) {
@@ -87,17 +116,20 @@ void WriteArticulation(Lines& out, const Articulation& art, const Articulation& 
   const bool filterOn = art.Get(kParamFilterType) != 0.0f;
   if (differs(kParamMasterVolume) || (filterOn && differs(35)))
     out.Float("volume", value(kParamMasterVolume) + (filterOn ? value(35) * 0.5 : 0.0));
-  if (differs(15)) out.Float("amp_veltrack", value(15) / 0.96);
+  // A file without amp_veltrack tracks velocity at 100 %, which is not the model's default.
+  if (context.global ? value(15) != sfz_units::kDefaultVelocityTrackDb : differs(15))
+    out.Float("amp_veltrack", value(15) / sfz_units::kVelocityTrackDbPerPercent);
   if (differs(16)) out.Float("amp_keytrack", value(16) / 0.12);
   if (differs(17)) out.Float(v2 ? "volume_oncc1" : "volumecc1", value(17));
   if (filterOn) {
-    if (differs(kParamFilterType) || differs(24)) {
+    // The SFZ cutoff depends on the velocity track as well: both go together.
+    if (differs(kParamFilterType) || differs(24) || differs(25)) {
       const int type = std::clamp(int(value(kParamFilterType)), 0, 12);
       out.Text("fil_type", kFilterTypeNames[type]);
-      out.Float("cutoff", value(24));
+      out.Float("cutoff", sfz_units::SfzCutoff(value(24), value(25)));
+      if (sfz_units::WritesVelocityTrack(value(25))) out.Float("fil_veltrack", value(25) * 100.0);
     }
     if (differs(35)) out.Float("resonance", value(35));
-    if (differs(25)) out.Float("fil_veltrack", value(25) * 100.0);
     if (differs(26)) out.Float("fil_keytrack", value(26) * 100.0);
     if (differs(27)) out.Float(v2 ? "cutoff_oncc1" : "cutoff_cc1", value(27) * 100.0);
     if (differs(28)) out.Float("cutoff_chanaft", value(28) * 100.0);
@@ -118,14 +150,24 @@ void WriteArticulation(Lines& out, const Articulation& art, const Articulation& 
     const ParamId id = ParamId(57 + send * 2);
     if (differs(id)) out.Float("effect" + std::to_string(send + 1), value(id) * 100.0);
   }
-  // LFOs: shape and timing rows, then depths.
+  // LFOs: the pitch LFO as SFZ sees it, then the amplitude and filter LFOs; timing rows, then depths.
+  const PitchLfoView pitchLfo = PitchLfoOf(art);
+  const PitchLfoView pitchParent = PitchLfoOf(forceAll ? DefaultArticulation() : parent);
+  if (pitchLfo != pitchParent) {
+    out.Float("pitchlfo_freq", pitchLfo.freq);
+    if (pitchLfo.delay != 0.0 || pitchParent.delay != 0.0) out.Float("pitchlfo_delay", pitchLfo.delay);
+    if (pitchLfo.fade != 0.0 || pitchParent.fade != 0.0) out.Float("pitchlfo_fade", pitchLfo.fade);
+    if (pitchLfo.depth != pitchParent.depth) out.Float("pitchlfo_depth", pitchLfo.depth);
+    if (pitchLfo.depthCc1 != pitchParent.depthCc1) out.Float("pitchlfo_depthcc1", pitchLfo.depthCc1);
+    if (pitchLfo.depthChanAft != pitchParent.depthChanAft) out.Float("pitchlfo_depthchanaft", pitchLfo.depthChanAft);
+  }
   struct Lfo {
     const char* prefix;
     ParamId rows;
     ParamId depth;
     double scale;
   };
-  static const Lfo kLfos[] = {{"pitchlfo_", 65, 3, 100.0}, {"amplfo_", 69, 19, 1.0}, {"fillfo_", 73, 29, 100.0}};
+  static const Lfo kLfos[] = {{"amplfo_", 69, 19, 1.0}, {"fillfo_", 73, 29, 100.0}};
   for (const Lfo& lfo : kLfos) {
     const std::string p = lfo.prefix;
     if (differs(lfo.rows + 1)) out.Float(p + "freq", value(lfo.rows + 1));
@@ -146,12 +188,16 @@ void WriteArticulation(Lines& out, const Articulation& art, const Articulation& 
   for (const Envelope& env : kEnvelopes) {
     const std::string p = env.prefix;
     const ParamId b = env.base;
-    if (differs(b + 4)) out.Float(p + "start", value(b + 4) * 100.0);
+    // Amplifier levels are percent of linear amplitude; the modulation envelopes' are plain factors.
+    auto level = [&](ParamId id) {
+      return b == kParamFirstEnvelope ? sfz_units::PercentFromLevel(value(id)) : value(id) * 100.0;
+    };
+    if (differs(b + 4)) out.Float(p + "start", level(ParamId(b + 4)));
     if (differs(b + 1)) out.Float(p + "delay", value(b + 1));
     if (differs(b + 5)) out.Float(p + "attack", value(b + 5));
     if (differs(b + 9)) out.Float(p + "hold", value(b + 9));
     if (differs(b + 13)) out.Float(p + "decay", value(b + 13));
-    if (differs(b + 16)) out.Float(p + "sustain", value(b + 16) * 100.0);
+    if (differs(b + 16)) out.Float(p + "sustain", level(ParamId(b + 16)));
     if (differs(b + 17)) out.Float(p + "release", value(b + 17));
     // Velocity quotients back to time offsets at full velocity.
     static const std::pair<int, const char*> kVelocity[] = {
@@ -166,6 +212,24 @@ void WriteArticulation(Lines& out, const Articulation& art, const Articulation& 
       if (differs(env.velocityToDepth)) out.Float(p + "vel2depth", value(env.velocityToDepth) * 100.0);
     }
   }
+}
+
+// SFZ has no key-to-time scaling of envelope stages: a region takes the times its middle key would
+// play, and the scaling is written as done.
+Articulation BakeKeyToTime(const Articulation& effective, int key) {
+  Articulation baked = effective;
+  // Per envelope: (time row, key factor row) from the envelope's first row.
+  static const std::pair<int, int> kStages[] = {{1, 3}, {5, 7}, {9, 11}, {13, 15}, {17, 24}};
+  for (ParamId base : {ParamId(81), ParamId(108), ParamId(135)}) {
+    for (const auto& [time, factor] : kStages) {
+      const double perOctave = effective.Get(ParamId(base + factor));
+      if (perOctave == 1.0) continue;
+      const ParamId timeId = ParamId(base + time);
+      baked.Set(timeId, float(effective.Get(timeId) * std::pow(perOctave, (key - 60) / 12.0)));
+      baked.Set(ParamId(base + factor), 1.0f);
+    }
+  }
+  return baked;
 }
 
 // Effective articulation of a level: its own values over the parent's.
@@ -267,7 +331,10 @@ std::string RegionText(const Region& region, const std::string& sample, bool v2,
   if (pedal == 1.0f) out.Int("locc64", 64);
   if (pedal == 2.0f) out.Int("hicc64", 63);
   if (region.GetParam(kParamTriggerDelay) > 0.0f) out.Float("delay", region.GetParam(kParamTriggerDelay));
-  WriteArticulation(out, region.articulation, layerEffective, v2, false);
+  LevelContext context;
+  context.waveFineCents = wave ? wave->fineTune : 0;
+  const int middleKey = (region.range.loKey + region.range.hiKey + 1) / 2;
+  WriteArticulation(out, BakeKeyToTime(effective, middleKey), layerEffective, v2, false, context);
   return out.text;
 }
 
@@ -304,7 +371,14 @@ bool WriteInstrument(Instrument& instrument, const std::string& path, FileObject
   }
   Lines global;
   global.text = "<global>\n";
-  WriteArticulation(global, instrument.articulation, DefaultArticulation(), v2, true);
+  // Drum kits carry the usual channel-10 mark.
+  if (instrument.IsDrumKit()) {
+    global.Int("lochan", kDrumChannel);
+    global.Int("hichan", kDrumChannel);
+  }
+  LevelContext globalContext;
+  globalContext.global = true;
+  WriteArticulation(global, instrument.articulation, DefaultArticulation(), v2, true, globalContext);
   text += global.text + "\n";
   const Articulation instrumentEffective = Effective(instrument.articulation, DefaultArticulation());
 

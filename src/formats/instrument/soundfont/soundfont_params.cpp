@@ -57,6 +57,7 @@ constexpr ParamId kVEnv = kParamFirstEnvelope, kPEnv = kVEnv + kEnvelopeRows, kF
 constexpr ParamId kPLfo = 65, kVLfo = 69, kFLfo = 73, kXLfo = 77;  // shape, frequency, delay, ramp
 constexpr ParamId kCutoff = 24, kResonance = 35, kFEnvToCutoff = 33, kFEnvVelToCutoff = 34;
 constexpr ParamId kPan = 51;
+constexpr int16_t kDefaultEffectDepth = 200;  // the CC91 and CC93 default modulators' amount
 constexpr float kSustainPerCentibel = 0.0010416667f;  // 1/960: 96 dB over the level range
 
 double TidySeconds(double seconds) {
@@ -324,7 +325,10 @@ void ArticulationToZone(const Articulation& art, ZoneGenerators& g, ZoneModulato
     g[size_t(first + 2)] = SecondsToTimecents(art.Get(ParamId(base + kDecay1Time)));
     g[size_t(first + 3)] = SecondsToTimecents(art.Get(ParamId(base + kDecay2Time)));
     g[size_t(first + 5)] = SecondsToTimecents(art.Get(ParamId(base + kRelease1)));
-    g[size_t(sustainGen)] = Clamp16((1.0 - art.Get(ParamId(base + kSustain))) * sustainScale, 0, 1000);
+    // A silent sustain is the format's full 100 dB (1000), not the model's 96 dB floor: players end
+    // the decay there.
+    const float sustain = art.Get(ParamId(base + kSustain));
+    g[size_t(sustainGen)] = sustain <= 0.0f ? int16_t(1000) : Clamp16((1.0 - sustain) * sustainScale, 0, 1000);
     g[size_t(keyToHold)] = Clamp16(-100.0 * std::log2(std::max(1e-6f, art.Get(ParamId(base + kKeyDecay1)))), -1200, 1200);
     g[size_t(keyToHold + 1)] = Clamp16(-100.0 * std::log2(std::max(1e-6f, art.Get(ParamId(base + kKeyDecay2)))), -1200, 1200);
     const int velRows[5] = {kVelAttack1, kVelAttack2, kVelDecay1, kVelDecay2, kVelRelease};
@@ -385,9 +389,11 @@ void ArticulationToZone(const Articulation& art, ZoneGenerators& g, ZoneModulato
   m[60] = Clamp16(art.Get(52) / 0.002, -1000, 1000);
   m[59] = Clamp16(art.Get(53) / 0.000375, -32768, 32767);
   g[16] = Clamp16(art.Get(57) * 1000.0, 0, 1000);
-  m[61] = Clamp16(art.Get(58) * 1000.0, 0, 1000);
+  // The model's controller depths default to 100 %, which no SoundFont reader means: a bank's own
+  // default (200, a fifth of the send) stands for them, or every song would get five times the effect.
+  m[61] = art.Get(58) == DefaultArticulation().Get(58) ? kDefaultEffectDepth : Clamp16(art.Get(58) * 1000.0, 0, 1000);
   g[15] = Clamp16(art.Get(59) * 1000.0, 0, 1000);
-  m[62] = Clamp16(art.Get(60) * 1000.0, 0, 1000);
+  m[62] = art.Get(60) == DefaultArticulation().Get(60) ? kDefaultEffectDepth : Clamp16(art.Get(60) * 1000.0, 0, 1000);
 }
 
 }  // namespace orlin

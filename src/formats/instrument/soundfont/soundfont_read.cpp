@@ -43,7 +43,6 @@ constexpr uint16_t kTypeLeft = 4;
 constexpr uint16_t kTypeRom = 0x8000;
 constexpr uint16_t kTypeCompressed = 0x30;
 constexpr ParamId kParamKeyGroup = 202;
-constexpr ParamId kParamPan = 51;
 // No table of a sane bank comes near this; it keeps a forged size from costing memory.
 constexpr uint64_t kMaxTableBytes = 64ull << 20;
 
@@ -539,9 +538,9 @@ void PlaceRegion(ReadState& state, Instrument* instrument, Layer*& current, cons
       region->overrideFlags |= Region::kOverrideLoopType;
       break;
   }
+  // The members of a linked pair keep the pan their zones give them, as players sound them; a pair
+  // panned hard left and right is what the stereo normaliser joins into one stereo wave.
   ZoneToArticulation(g, m, region->articulation);
-  if (header.type & kTypeLeft) region->articulation.Set(kParamPan, -1.0f);
-  if (header.type & kTypeRight) region->articulation.Set(kParamPan, 1.0f);
 }
 
 void ReadPresets(ReadState& state) {
