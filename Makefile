@@ -4,7 +4,7 @@ SANITIZE_DIR ?= build-sanitize
 TSAN_DIR ?= build-tsan
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
-FUZZ_SECONDS ?= 60
+FUZZ_SECONDS ?= 30
 
 export CCACHE_BASEDIR := $(CURDIR)
 export CCACHE_NOHASHDIR := 1
@@ -61,6 +61,7 @@ bench: bootstrap
 	cmake -S . -B build-bench -G Ninja $(LAUNCHER) -DORLIN_BENCH=ON -DORLIN_TESTS=OFF -DORLIN_WERROR=OFF -DCMAKE_BUILD_TYPE=Release
 	cmake --build build-bench -j $(JOBS)
 	bash bench/run_all.sh build-bench
+	bash bench/compare_tools.sh build-bench
 
 clean:
 	rm -rf $(BUILD_DIR) $(SANITIZE_DIR) $(TSAN_DIR) build-bench

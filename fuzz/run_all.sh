@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
-# Runs every built fuzz target for a few seconds each, as many at once as there are cores. A target's
+# Runs every built fuzz target for a few seconds each, as many at once as there are cores, each with
+# a ceiling on memory (512 MB resident, 256 MB in one allocation) and 10 s per input, so that a reader
+# that trusts a forged size or works quadratically fails here rather than at a user's. A target's
 # seeds are the files listed, one glob a line, in fuzz/<target>.seeds, relative to the outside test
 # corpus (../shared/testdata).
 set -euo pipefail
 build_dir=${1:-build-sanitize}
-seconds=${2:-60}
+seconds=${2:-30}
 here=$(cd "$(dirname "$0")" && pwd)
 testdata=${ORLIN_TESTDATA:-$here/../../shared/testdata}
 parallel=$(nproc)
@@ -29,7 +31,7 @@ run_one() {
   fi
   echo "fuzz: $name for ${seconds}s with $(ls "$corpus" | wc -l) seeds"
   local status=0
-  "$fuzzer" -artifact_prefix="$build_dir/" -max_total_time="$seconds" -max_len=65536 -rss_limit_mb=2560 -timeout=20 -print_final_stats=0 \
+  "$fuzzer" -artifact_prefix="$build_dir/" -max_total_time="$seconds" -max_len=65536 -rss_limit_mb=512 -malloc_limit_mb=256 -timeout=10 -print_final_stats=0 \
       "$corpus" > "$build_dir/$name.log" 2>&1 || status=$?
   rm -rf "$corpus"
   if [ $status -ne 0 ]; then

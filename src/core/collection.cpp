@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
+#include <unordered_map>
 #include <unordered_set>
 
 #include "core/file_object.h"
@@ -577,7 +578,11 @@ Layer::~Layer() {
   while (!children.empty()) {
     const uint32_t childId = children.back();
     children.pop_back();
-    delete collection->FindItem(childId);
+    // The child is off the list already: it must not search the list for itself, which made
+    // deleting a level of many children quadratic.
+    Item* child = collection->FindItem(childId);
+    if (child && child->parentId == id) child->parentId = kNullId;
+    delete child;
   }
   if (Item* parent = Parent()) parent->RemoveChild(id);
 }
@@ -752,7 +757,11 @@ Instrument::~Instrument() {
   while (!children.empty()) {
     const uint32_t childId = children.back();
     children.pop_back();
-    delete collection->FindItem(childId);
+    // The child is off the list already: it must not search the list for itself, which made
+    // deleting a level of many children quadratic.
+    Item* child = collection->FindItem(childId);
+    if (child && child->parentId == id) child->parentId = kNullId;
+    delete child;
   }
 }
 
@@ -911,7 +920,11 @@ Song::~Song() {
   while (!children.empty()) {
     const uint32_t childId = children.back();
     children.pop_back();
-    delete collection->FindItem(childId);
+    // The child is off the list already: it must not search the list for itself, which made
+    // deleting a level of many children quadratic.
+    Item* child = collection->FindItem(childId);
+    if (child && child->parentId == id) child->parentId = kNullId;
+    delete child;
   }
 }
 
@@ -1064,12 +1077,23 @@ void Collection::Clear() {
 
 void Collection::FixUp() {
   // Unique patches. The key puts the major bank lowest, so that a clash steps the major bank first.
+  // A taken key points on to a later key to try, and every walk shortens the chains it followed, so
+  // that thousands of instruments on one patch cost linear time, not a walk past all the others each.
   std::unordered_set<uint32_t> taken;
+  std::unordered_map<uint32_t, uint32_t> tryNext;
+  std::vector<uint32_t> walked;
   for (Instrument* instrument : All<Instrument>()) {
     const uint32_t patch = instrument->patch;
     uint32_t key = ((patch & 0x3FFF) << 7) | ((patch >> 14) & 0x7F) | (patch & 0x200000);
-    while (taken.count(key)) key = (key + 1) & 0x3FFFFF;
+    walked.clear();
+    while (taken.count(key)) {
+      walked.push_back(key);
+      auto next = tryNext.find(key);
+      key = next != tryNext.end() ? next->second : (key + 1) & 0x3FFFFF;
+    }
+    for (uint32_t step : walked) tryNext[step] = key;
     taken.insert(key);
+    tryNext[key] = (key + 1) & 0x3FFFFF;
     instrument->patch = ((key >> 7) & 0x3FFF) | ((key & 0x7F) << 14) | (key & 0x200000);
   }
 }

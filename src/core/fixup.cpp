@@ -17,6 +17,7 @@
 #include "core/last_error.h"
 #include "core/normalisers.h"
 #include "core/pcm.h"
+#include "core/region_grid.h"
 #include "core/settings.h"
 #include "core/text.h"
 #include "core/user_interface.h"
@@ -406,32 +407,48 @@ int CompactLayers(Instrument& instrument, bool compareTriggers, bool compareArti
         if (int(region->GetParam(kParamTriggerType)) != marks[i]) marks[i] = kMixedTriggers;
     }
   }
+  // Each layer in turn joins the first earlier layer still standing that it fits; the key × velocity
+  // grids make the fit test a few hundred word operations, and the cells all standing layers share
+  // turn away a layer that fits none without trying each.
+  std::vector<RegionGrid> grids;
+  grids.reserve(layers.size());
+  for (Layer* layer : layers) grids.push_back(GridOf(*layer));
+  std::vector<size_t> targets;
+  RegionGrid takenByAll;  // cells every standing layer covered when it was added: never shrinks in truth
   int merges = 0;
   std::vector<bool> emptied(layers.size(), false);
-  for (size_t a = 0; a < layers.size(); ++a) {
-    for (size_t b = a + 1; b < layers.size(); ++b) {
-      if (emptied[a] || emptied[b] || layers[a]->children.empty() || layers[b]->children.empty()) continue;
-      if (compareTriggers && marks[a] != marks[b]) continue;
-      bool overlap = false;
-      for (Region* region : ChildrenOf<Region>(*layers[b]))
-        overlap |= layers[a]->Overlaps(PackRange(region->range.loKey, region->range.hiKey),
-                                       PackRange(region->range.loVelocity, region->range.hiVelocity));
-      if (overlap) continue;
-      if (compareArticulations && std::memcmp(layers[a]->articulation.Values(), layers[b]->articulation.Values(),
-                                              sizeof(float) * kArticulationParamCount) != 0)
-        continue;
-      // What the regions heard from their old layer they now set themselves, so nothing changes.
-      for (Region* region : ChildrenOf<Region>(*layers[b])) {
-        for (ParamId id = 0; id < kArticulationParamCount; ++id)
-          if (!region->articulation.IsSet(id) && layers[b]->articulation.Get(id) != layers[a]->articulation.Get(id))
-            region->articulation.Set(id, layers[b]->articulation.Get(id));
-        region->parentId = layers[a]->id;
-        layers[a]->children.push_back(region->id);
+  for (size_t b = 0; b < layers.size(); ++b) {
+    if (layers[b]->children.empty()) continue;
+    size_t chosen = layers.size();
+    if (!targets.empty() && !takenByAll.Touches(grids[b])) {
+      for (size_t a : targets) {
+        if (compareTriggers && marks[a] != marks[b]) continue;
+        if (grids[a].Touches(grids[b])) continue;
+        if (compareArticulations && std::memcmp(layers[a]->articulation.Values(), layers[b]->articulation.Values(),
+                                                sizeof(float) * kArticulationParamCount) != 0)
+          continue;
+        chosen = a;
+        break;
       }
-      layers[b]->children.clear();
-      emptied[b] = true;
-      ++merges;
     }
+    if (chosen == layers.size()) {
+      takenByAll = targets.empty() ? grids[b] : Intersection(takenByAll, grids[b]);
+      targets.push_back(b);
+      continue;
+    }
+    Layer* into = layers[chosen];
+    // What the regions heard from their old layer they now set themselves, so nothing changes.
+    for (Region* region : ChildrenOf<Region>(*layers[b])) {
+      for (ParamId id = 0; id < kArticulationParamCount; ++id)
+        if (!region->articulation.IsSet(id) && layers[b]->articulation.Get(id) != into->articulation.Get(id))
+          region->articulation.Set(id, layers[b]->articulation.Get(id));
+      region->parentId = into->id;
+      into->children.push_back(region->id);
+    }
+    grids[chosen].AddGrid(grids[b]);
+    layers[b]->children.clear();
+    emptied[b] = true;
+    ++merges;
   }
   for (size_t i = 0; i < layers.size(); ++i)
     if (emptied[i]) delete layers[i];

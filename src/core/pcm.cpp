@@ -3,11 +3,14 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <limits>
+#include <memory>
 #include <vector>
 
 #include "core/file_object.h"
 #include "core/last_error.h"
 #include "core/user_interface.h"
+#include "core/wave_stream.h"
 
 namespace orlin {
 
@@ -69,9 +72,9 @@ uint8_t LinearToALaw(int sample) {
 }
 
 struct DecodeState {
-  uint32_t storage;
-  bool isUnsigned;
-  bool bigEndian;
+  uint32_t storage = 0;
+  bool isUnsigned = false;
+  bool bigEndian = false;
   int32_t deltaAccumulator = 0;
 };
 
@@ -223,14 +226,7 @@ bool DecodeGenericPcm(Waveform* wave, FileObject* file) {
     return false;
   }
   const uint64_t channelCount = wave->channels;
-  uint64_t bytes = (uint64_t(wave->length) * channelCount * width + 7) / 8;
-  if (bytes >= 0x80000000ull) {
-    Ui().Warn("Warning!",
-              "Warning! Wave is too big for the 32-bit application.\nIt will try to read it truncated, but may run "
-              "out of memory.");
-    // Keep what a 2 GiB read would hold.
-    wave->length = uint32_t(std::min<uint64_t>(wave->length, (0x7FFFFFFFull * 8) / (channelCount * width)));
-  }
+  // A 64-bit process reads any length the frame count can state; memory alone may say no.
   if (!wave->AllocSamples()) return false;
   float* samples = wave->Data()->samples;
   DecodeState state{storage, (wave->sourceFormat & kSourceUnsigned) != 0,
@@ -249,53 +245,76 @@ bool DecodeGenericPcm(Waveform* wave, FileObject* file) {
   return ok;
 }
 
-// Stores one float as `storage`, little or big endian.
-void StoreSample(uint8_t* out, float value, uint32_t storage, bool isUnsigned, bool bigEndian, int32_t& delta) {
-  auto clampRound = [](double v, double scale, double lo, double hi) {
-    return int64_t(std::clamp(std::nearbyint(v * scale), lo, hi));
-  };
-  auto putBytes = [&](uint64_t raw, int count) {
-    for (int k = 0; k < count; ++k) out[bigEndian ? count - 1 - k : k] = uint8_t(raw >> (8 * k));
-  };
-  switch (storage) {
-    case kStoragePcm8: out[0] = uint8_t(clampRound(value, 128, -128, 127) ^ (isUnsigned ? 0x80 : 0)); break;
-    case kStorageMuLaw: out[0] = LinearToMuLaw(int(clampRound(value, 32768, -32768, 32767))); break;
-    case kStorageALaw: out[0] = LinearToALaw(int(clampRound(value, 32768, -32768, 32767))); break;
-    case kStorageDelta8: {
-      const int32_t sample = int32_t(clampRound(value, 128, -128, 127));
-      out[0] = uint8_t(int8_t(sample - delta) ^ (isUnsigned ? 0x80 : 0));
-      delta = sample;
-      break;
-    }
-    case kStoragePcm16: putBytes(uint16_t(clampRound(value, 32768, -32768, 32767) ^ (isUnsigned ? 0x8000 : 0)), 2); break;
-    case kStorageDelta16: {
-      const int32_t sample = int32_t(clampRound(value, 32768, -32768, 32767));
-      putBytes(uint16_t(int16_t(sample - delta) ^ (isUnsigned ? 0x8000 : 0)), 2);
-      delta = sample;
-      break;
-    }
-    case kStoragePcm24:
-      putBytes(uint32_t(clampRound(value, 8388608, -8388608, 8388607) ^ (isUnsigned ? 0x800000 : 0)) & 0xFFFFFF, 3);
-      break;
-    case kStoragePcm32:
-      putBytes(uint32_t(clampRound(value, 2147483648.0, -2147483648.0, 2147483647.0) ^ (isUnsigned ? 0x80000000u : 0)), 4);
-      break;
-    case kStorageFloat32: {
-      uint32_t raw;
-      std::memcpy(&raw, &value, 4);
-      putBytes(raw, 4);
-      break;
-    }
-    case kStorageFloat64: {
-      const double wide = value;
-      uint64_t raw;
-      std::memcpy(&raw, &wide, 8);
-      putBytes(raw, 8);
-      break;
-    }
-    default: break;
+// The generic decoder in blocks: interleaved data is read in order, sequential stereo from its two
+// positions. A file that ends early ends the stream there.
+class GenericPcmStream : public WaveStream {
+ public:
+  GenericPcmStream(const Waveform& wave, std::unique_ptr<FileObject> file)
+      : file_(std::move(file)), width_(WidthOf(wave.SourceStorage())), length_(wave.length) {
+    channels = wave.channels;
+    const DecodeState state{wave.SourceStorage(), (wave.sourceFormat & kSourceUnsigned) != 0,
+                            (wave.sourceFormat & kSourceBigEndian) != 0 && width_ >= 16};
+    states_[0] = states_[1] = state;
+    sequential_ = channels == 2 && (wave.sourceFormat & kSourceSequentialStereo);
+    offsets_[0] = wave.sourceOffset;
+    offsets_[1] = wave.sourceOffsetB ? wave.sourceOffsetB : wave.sourceOffset + (uint64_t(length_) * width_ + 7) / 8;
   }
+
+  int64_t Read(float* out, uint32_t frames) override {
+    // Whole sample pairs per block, so that packed 12- and 20-bit pairs never split.
+    uint64_t count = std::min<uint64_t>({frames, length_ - done_, kFramesPerBlock});
+    if (ended_ || count == 0) return 0;
+    if (count > 1 && (count & 1) && done_ + count < length_) --count;
+    if (!sequential_) {
+      const uint64_t samples = count * channels;
+      const size_t bytes = size_t((samples * width_ + 7) / 8);
+      buffer_.resize(bytes);
+      const size_t got = file_->Read(buffer_.data(), bytes);
+      if (got < bytes) {
+        ended_ = true;
+        count = std::min<uint64_t>(count, uint64_t(got) * 8 / width_ / channels);
+      }
+      ConvertBlock(states_[0], buffer_.data(), size_t(count * channels), out, 1);
+    } else {
+      for (int side = 0; side < 2 && count; ++side) {
+        const uint64_t at = offsets_[side] + done_ * width_ / 8;
+        const size_t bytes = size_t((count * width_ + 7) / 8);
+        buffer_.resize(bytes);
+        if (!file_->Seek(at)) count = 0;
+        const size_t got = count ? file_->Read(buffer_.data(), bytes) : 0;
+        if (got < bytes) {
+          ended_ = true;
+          count = std::min<uint64_t>(count, uint64_t(got) * 8 / width_);
+        }
+        ConvertBlock(states_[side], buffer_.data(), size_t(count), out + side, 2);
+      }
+    }
+    done_ += count;
+    return int64_t(count);
+  }
+
+ private:
+  static constexpr uint64_t kFramesPerBlock = 65536;
+  std::unique_ptr<FileObject> file_;
+  uint32_t width_;
+  uint32_t length_;
+  bool sequential_ = false;
+  bool ended_ = false;
+  DecodeState states_[2];
+  uint64_t offsets_[2];
+  uint64_t done_ = 0;
+  std::vector<uint8_t> buffer_;
+};
+
+std::unique_ptr<WaveStream> OpenGenericPcmStream(Waveform& wave, std::unique_ptr<FileObject> file) {
+  if (wave.length == 0 || wave.channels == 0 || wave.channels > 2 || WidthOf(wave.SourceStorage()) == 0) {
+    SetLastError("Invalid format for generic import function!");
+    return nullptr;
+  }
+  return std::make_unique<GenericPcmStream>(wave, std::move(file));
 }
+
+[[maybe_unused]] const bool kGenericStreamRegistered = (RegisterWaveStreamOpener(&DecodeGenericPcm, &OpenGenericPcmStream), true);
 
 }  // namespace
 
@@ -309,52 +328,188 @@ uint64_t SampleBytes(uint64_t frames, uint32_t storage, uint32_t channels) {
 
 namespace {
 
-// Encodes the wave block by block and hands each block to `sink`; false when the sink fails.
+// Rounds to the nearest integer, ties to even, as nearbyint does in the default rounding mode: adding
+// and taking away 1.5 * 2^52 leaves the rounded value for any |x| below 2^51, and the loop vectorises.
+inline int64_t RoundEven(double x) {
+  constexpr double kMagic = 6755399441055744.0;
+  return int64_t((x + kMagic) - kMagic);
+}
+inline int64_t ClampRound(float value, double scale, double lo, double hi) {
+  // Clamping before rounding gives what rounding then clamping gives, for every finite value; a NaN
+  // passes both unchanged.
+  const double scaled = double(value) * scale;
+  if (scaled != scaled) return std::numeric_limits<int64_t>::min();
+  return RoundEven(std::clamp(scaled, lo, hi));
+}
+
+template <int kBytes, bool kBigEndian>
+inline void PutBytes(uint8_t* out, uint64_t raw) {
+  for (int k = 0; k < kBytes; ++k) out[kBigEndian ? kBytes - 1 - k : k] = uint8_t(raw >> (8 * k));
+}
+
+// One loop per storage, byte order and signedness, chosen once per wave: floats in, bytes out.
+struct EncodeState {
+  int32_t delta[2] = {0, 0};  // last sample of each channel, for delta storage
+};
+using BlockEncoder = void (*)(const float* in, size_t frames, uint32_t channels, uint8_t* out, EncodeState& state);
+
+template <bool kUnsigned>
+void EncodePcm8(const float* in, size_t frames, uint32_t channels, uint8_t* out, EncodeState&) {
+  for (size_t i = 0; i < frames * channels; ++i) out[i] = uint8_t(ClampRound(in[i], 128, -128, 127) ^ (kUnsigned ? 0x80 : 0));
+}
+template <bool kALaw>
+void EncodeG711(const float* in, size_t frames, uint32_t channels, uint8_t* out, EncodeState&) {
+  for (size_t i = 0; i < frames * channels; ++i) {
+    const int sample = int(ClampRound(in[i], 32768, -32768, 32767));
+    out[i] = kALaw ? LinearToALaw(sample) : LinearToMuLaw(sample);
+  }
+}
+template <bool kUnsigned, bool kBigEndian>
+void EncodePcm16(const float* in, size_t frames, uint32_t channels, uint8_t* out, EncodeState&) {
+  for (size_t i = 0; i < frames * channels; ++i)
+    PutBytes<2, kBigEndian>(out + i * 2, uint16_t(ClampRound(in[i], 32768, -32768, 32767) ^ (kUnsigned ? 0x8000 : 0)));
+}
+template <bool kUnsigned, bool kBigEndian>
+void EncodePcm24(const float* in, size_t frames, uint32_t channels, uint8_t* out, EncodeState&) {
+  for (size_t i = 0; i < frames * channels; ++i)
+    PutBytes<3, kBigEndian>(
+        out + i * 3, uint32_t(ClampRound(in[i], 8388608, -8388608, 8388607) ^ (kUnsigned ? 0x800000 : 0)) & 0xFFFFFF);
+}
+template <bool kUnsigned, bool kBigEndian>
+void EncodePcm32(const float* in, size_t frames, uint32_t channels, uint8_t* out, EncodeState&) {
+  for (size_t i = 0; i < frames * channels; ++i)
+    PutBytes<4, kBigEndian>(out + i * 4, uint32_t(ClampRound(in[i], 2147483648.0, -2147483648.0, 2147483647.0) ^
+                                                  (kUnsigned ? 0x80000000u : 0)));
+}
+template <bool kBigEndian>
+void EncodeFloat32(const float* in, size_t frames, uint32_t channels, uint8_t* out, EncodeState&) {
+  if (!kBigEndian) {
+    std::memcpy(out, in, frames * channels * 4);
+    return;
+  }
+  for (size_t i = 0; i < frames * channels; ++i) {
+    uint32_t raw;
+    std::memcpy(&raw, &in[i], 4);
+    PutBytes<4, true>(out + i * 4, raw);
+  }
+}
+template <bool kBigEndian>
+void EncodeFloat64(const float* in, size_t frames, uint32_t channels, uint8_t* out, EncodeState&) {
+  for (size_t i = 0; i < frames * channels; ++i) {
+    const double wide = in[i];
+    uint64_t raw;
+    std::memcpy(&raw, &wide, 8);
+    PutBytes<8, kBigEndian>(out + i * 8, raw);
+  }
+}
+// Delta storage keeps each channel's last sample; the difference wraps at the sample width.
+template <bool kUnsigned>
+void EncodeDelta8(const float* in, size_t frames, uint32_t channels, uint8_t* out, EncodeState& state) {
+  for (size_t i = 0; i < frames * channels; ++i) {
+    int32_t& last = state.delta[i % channels];
+    const int32_t sample = int32_t(ClampRound(in[i], 128, -128, 127));
+    out[i] = uint8_t(int8_t(sample - last) ^ (kUnsigned ? 0x80 : 0));
+    last = sample;
+  }
+}
+template <bool kUnsigned, bool kBigEndian>
+void EncodeDelta16(const float* in, size_t frames, uint32_t channels, uint8_t* out, EncodeState& state) {
+  for (size_t i = 0; i < frames * channels; ++i) {
+    int32_t& last = state.delta[i % channels];
+    const int32_t sample = int32_t(ClampRound(in[i], 32768, -32768, 32767));
+    PutBytes<2, kBigEndian>(out + i * 2, uint16_t(int16_t(sample - last) ^ (kUnsigned ? 0x8000 : 0)));
+    last = sample;
+  }
+}
+
+template <template <bool, bool> class Pick>
+BlockEncoder ByFlags(bool isUnsigned, bool bigEndian) {
+  if (isUnsigned) return bigEndian ? Pick<true, true>::kEncoder : Pick<true, false>::kEncoder;
+  return bigEndian ? Pick<false, true>::kEncoder : Pick<false, false>::kEncoder;
+}
+template <bool U, bool B> struct Pcm16Pick { static constexpr BlockEncoder kEncoder = &EncodePcm16<U, B>; };
+template <bool U, bool B> struct Pcm24Pick { static constexpr BlockEncoder kEncoder = &EncodePcm24<U, B>; };
+template <bool U, bool B> struct Pcm32Pick { static constexpr BlockEncoder kEncoder = &EncodePcm32<U, B>; };
+template <bool U, bool B> struct Delta16Pick { static constexpr BlockEncoder kEncoder = &EncodeDelta16<U, B>; };
+
+BlockEncoder ChooseEncoder(uint32_t storage, bool isUnsigned, bool bigEndian) {
+  switch (storage) {
+    case kStoragePcm8: return isUnsigned ? &EncodePcm8<true> : &EncodePcm8<false>;
+    case kStorageMuLaw: return &EncodeG711<false>;
+    case kStorageALaw: return &EncodeG711<true>;
+    case kStorageDelta8: return isUnsigned ? &EncodeDelta8<true> : &EncodeDelta8<false>;
+    case kStoragePcm16: return ByFlags<Pcm16Pick>(isUnsigned, bigEndian);
+    case kStorageDelta16: return ByFlags<Delta16Pick>(isUnsigned, bigEndian);
+    case kStoragePcm24: return ByFlags<Pcm24Pick>(isUnsigned, bigEndian);
+    case kStoragePcm32: return ByFlags<Pcm32Pick>(isUnsigned, bigEndian);
+    case kStorageFloat32: return bigEndian ? &EncodeFloat32<true> : &EncodeFloat32<false>;
+    case kStorageFloat64: return bigEndian ? &EncodeFloat64<true> : &EncodeFloat64<false>;
+    default: return nullptr;
+  }
+}
+
+// Streams the wave block by block through its encoder into `sink`; false when the source or the sink
+// fails. `framesWritten`, when given, gets the frames that went out: fewer than the wave's length when
+// its source data stops early.
 template <typename Sink>
-bool EncodeSamples(Waveform& wave, uint32_t storage, uint32_t channels, uint32_t flags, Sink&& sink) {
+bool EncodeSamples(Waveform& wave, uint32_t storage, uint32_t channels, uint32_t flags, Sink&& sink,
+                   uint64_t* framesWritten = nullptr) {
   const uint32_t width = WidthOf(storage);
-  if (width == 0 || storage == kStoragePcm12 || storage == kStoragePcm20 || channels == 0 || channels > 2) {
+  const BlockEncoder encode =
+      ChooseEncoder(storage, (flags & kSourceUnsigned) != 0, (flags & kSourceBigEndian) != 0);
+  if (width == 0 || !encode || channels == 0 || channels > 2) {
     SetLastError("Invalid format for generic export function!");
     return false;
   }
-  const float* samples = wave.GetSamplesForRead();
-  if (!samples && wave.length) return false;
-  const uint32_t sourceChannels = wave.Data() ? wave.Data()->channels : wave.channels;
-  const uint32_t frames = wave.Data() ? wave.Data()->frames : 0;
-  const bool isUnsigned = (flags & kSourceUnsigned) != 0;
-  const bool bigEndian = (flags & kSourceBigEndian) != 0;
+  std::unique_ptr<WaveStream> stream = OpenWaveStream(wave);
+  if (!stream) return false;
+  const uint32_t sourceChannels = stream->channels;
+  if (sourceChannels == 0 || sourceChannels > 2) {
+    SetLastError("Too many channels");
+    return false;
+  }
   const size_t bytesPerSample = width / 8;
-  constexpr size_t kFramesPerBlock = 16384;
+  // About a megabyte of output per write: few system calls, and the blocks stay in the cache.
+  constexpr size_t kFramesPerBlock = 65536;
+  std::vector<float> source(kFramesPerBlock * sourceChannels), mixed;
+  if (channels != sourceChannels) mixed.resize(kFramesPerBlock * channels);
   std::vector<uint8_t> buffer(kFramesPerBlock * channels * bytesPerSample);
-  std::vector<int32_t> deltas(channels, 0);
-  for (uint32_t done = 0; done < frames;) {
-    const uint32_t count = uint32_t(std::min<size_t>(kFramesPerBlock, frames - done));
-    uint8_t* out = buffer.data();
-    for (uint32_t f = 0; f < count; ++f) {
-      const float* frame = samples + size_t(done + f) * sourceChannels;
-      for (uint32_t c = 0; c < channels; ++c) {
-        float value;
-        if (channels == sourceChannels) value = frame[c];
-        else if (channels == 1) value = 0.5f * (frame[0] + frame[1]);  // stereo to mono
-        else value = frame[0];                                         // mono to stereo
-        StoreSample(out, value, storage, isUnsigned, bigEndian, deltas[c]);
-        out += bytesPerSample;
+  EncodeState state;
+  uint64_t done = 0;
+  for (;;) {
+    const int64_t got = stream->Read(source.data(), uint32_t(kFramesPerBlock));
+    if (got < 0) return false;
+    if (got == 0) break;
+    const size_t count = size_t(got);
+    const float* block = source.data();
+    if (channels != sourceChannels) {
+      if (channels == 1) {
+        for (size_t f = 0; f < count; ++f) mixed[f] = 0.5f * (source[f * 2] + source[f * 2 + 1]);  // stereo to mono
+      } else {
+        for (size_t f = 0; f < count; ++f) mixed[f * 2] = mixed[f * 2 + 1] = source[f];  // mono to stereo
       }
+      block = mixed.data();
     }
-    if (!sink(buffer.data(), size_t(out - buffer.data()))) return false;
+    encode(block, count, channels, buffer.data(), state);
+    if (!sink(buffer.data(), count * channels * bytesPerSample)) return false;
     done += count;
   }
+  if (framesWritten) *framesWritten = done;
   return true;
 }
 
 }  // namespace
 
-bool WriteSamples(FileObject& file, Waveform& wave, uint32_t storage, uint32_t channels, uint32_t flags) {
-  return EncodeSamples(wave, storage, channels, flags, [&](const uint8_t* bytes, size_t count) {
-    if (file.Write(bytes, count)) return true;
-    SetLastError("Writing to file failed");
-    return false;
-  });
+bool WriteSamples(FileObject& file, Waveform& wave, uint32_t storage, uint32_t channels, uint32_t flags,
+                  uint64_t* framesWritten) {
+  return EncodeSamples(
+      wave, storage, channels, flags,
+      [&](const uint8_t* bytes, size_t count) {
+        if (file.Write(bytes, count)) return true;
+        SetLastError("Writing to file failed");
+        return false;
+      },
+      framesWritten);
 }
 
 bool AppendSamples(std::vector<uint8_t>& out, Waveform& wave, uint32_t storage, uint32_t channels, uint32_t flags) {

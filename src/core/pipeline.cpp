@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
+#include <new>
+#include <stdexcept>
 #include <system_error>
 
 #include "core/file_object.h"
@@ -18,6 +20,21 @@ namespace fs = std::filesystem;
 namespace orlin {
 
 namespace {
+
+// Runs a reader, writer or fix-up; a failed allocation inside becomes the failure "Out of memory".
+// Readers size memory by what a file can deliver, so this is the last line, not the rule.
+template <typename Step>
+bool CatchOutOfMemory(Step&& step) {
+  try {
+    return step();
+  } catch (const std::bad_alloc&) {
+    SetLastError("Out of memory");
+    return false;
+  } catch (const std::length_error&) {
+    SetLastError("Out of memory");
+    return false;
+  }
+}
 
 // Flags of the one load or save running on this thread (batch conversion runs files in parallel).
 thread_local bool loadingFlag = false;
@@ -95,7 +112,9 @@ bool LoadFile(Collection& collection, const std::string& path, bool allowUnknown
   loadingFlag = true;
   file.Seek(0);
   ClearLastError();
-  const bool read = entry.read(&collection, &file, entry.variant);
+  // A file that asks for more memory than there is fails its load and frees what it made; the
+  // process and the rest of the user's work go on.
+  const bool read = CatchOutOfMemory([&] { return entry.read(&collection, &file, entry.variant); });
   loadingFlag = false;
   file.Close();
   if (!read) {
@@ -105,7 +124,14 @@ bool LoadFile(Collection& collection, const std::string& path, bool allowUnknown
     SetLastError(reason.empty() ? "Reading from file failed" : reason);
     return false;
   }
-  FixUpItems(collection, 0xFF, true);
+  if (!CatchOutOfMemory([&] {
+        FixUpItems(collection, 0xFF, true);
+        return true;
+      })) {
+    collection.Clear();
+    collection.SetName("Empty collection");
+    return false;
+  }
   return true;
 }
 
@@ -321,7 +347,9 @@ bool SaveItem(Item* item, int32_t row, const std::string& path, const SaveOption
   struct FlagReset {
     ~FlagReset() { savingFlag = false; }
   } flagReset;
-  if (!saved->Preload()) return false;
+  // Waves are not decoded here: writers take their samples in blocks (OpenWaveStream), from memory
+  // when a wave is decoded and straight from its source when not, so a conversion never holds a
+  // whole wave it does not change.
   if (needsRendering) {
     // Songs are rendered by the synthesizer's song player; without it the save cannot go on.
     SetLastError("Save aborted!");
@@ -346,7 +374,7 @@ bool SaveItem(Item* item, int32_t row, const std::string& path, const SaveOption
     return false;
   }
   ClearLastError();
-  const bool written = entry->write(saved, &file, &options);
+  const bool written = CatchOutOfMemory([&] { return entry->write(saved, &file, &options); });
   file.Close();
   if (!written) {
     if (LastError().empty()) SetLastError("Writing to file failed");

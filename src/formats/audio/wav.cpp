@@ -49,8 +49,8 @@ constexpr uint32_t kVorbisTags[] = {26447, 26448, 26449, 26479, 26480, 26481};
 constexpr uint64_t kMaxInfoBytes = 0x100000;
 // Samples decode from one buffer of the whole data chunk, so it must stay under this.
 constexpr uint64_t kMaxDecodeBytes = 0x40000000;
-// The writer builds the image in memory, which bounds the data it accepts.
-constexpr uint64_t kMaxWriteDataBytes = 0x20000000;
+// The RIFF size words are 32 bits: the data and the chunks around it must fit under them.
+constexpr uint64_t kMaxWriteDataBytes = 0xFFFFFFFFull - (1u << 20);
 constexpr double kTwoPow32 = 4294967296.0;
 
 template <size_t N>
@@ -494,6 +494,14 @@ void SettleLength(RiffWaveParser& parser) {
     if (IsPlainTag(tag)) {
       const uint64_t bytesPerFrame = channels * ((bitsForSize + 7) / 8);
       wave.length = clamp32(std::min<uint64_t>(wave.length, parser.dataBytes / bytesPerFrame));
+    } else {
+      // A codec delivers no more frames than its data holds at its densest: half the stated bits per
+      // sample (GSM's 2 stand for 1.625), and for a bit rate's one bit an eighth (MPEG packs up to 64
+      // frames in a byte), plus one codec frame of slack. A forged count beyond that is cut, not decoded.
+      constexpr uint64_t kCodecFrameSlack = 1152;
+      const double bitsPerFrame = double(channels) * (wave.bits <= 1 ? 0.125 : double(wave.bits) / 2);
+      const uint64_t most = uint64_t(double(parser.dataBytes) * 8.0 / bitsPerFrame) + kCodecFrameSlack;
+      wave.length = clamp32(std::min<uint64_t>(wave.length, most));
     }
   } else if (parser.containerBits) {
     wave.length = clamp32(parser.dataBytes * 8 / (uint64_t(parser.containerBits) * channels));
@@ -1102,7 +1110,12 @@ void ReadSamplerChunk(Waveform& wave, const uint8_t* body, size_t size) {
   ParseSmpl(parser, ByteReader(body, size));
 }
 
-bool WriteWaveToMemory(Waveform& wave, std::vector<uint8_t>& out, const WaveWriteParams& params) {
+namespace {
+
+// Writes the wave as a whole image into `out`, or, with `file`, streams plain samples straight to
+// the file between a head and a tail written from memory, so that a wave of any length is written
+// in a few blocks of memory. Codes of the ADPCM and MPEG codecs are made whole first.
+bool WriteWave(Waveform& wave, std::vector<uint8_t>& out, FileObject* file, const WaveWriteParams& params) {
   if (wave.Type() != ItemType::Waveform) return Fail("The file format can not save this item");
   SaveOptions options;
   options.caps = params.caps;
@@ -1120,15 +1133,17 @@ bool WriteWaveToMemory(Waveform& wave, std::vector<uint8_t>& out, const WaveWrit
   const bool extensible = params.variant == kWaveVariantExtensible;
   const bool bare = params.variant == kWaveVariantBare;
   if (extensible && fmt.tag != kTagPcm && fmt.tag != kTagFloat) return Fail("Unsupported subformat");
-  if (!wave.GetSamplesForRead() && wave.length) return false;
-  const uint32_t frames = wave.Data() ? wave.Data()->frames : 0;
+  const bool mp3 = storage == kStorageCompressed;
+  const bool streamed = file && !coded && !mp3;
+  if (!streamed && !wave.GetSamplesForRead() && wave.length) return false;
+  const uint32_t frames = streamed ? wave.length : wave.Data() ? wave.Data()->frames : 0;
   std::vector<uint8_t> codes;
   if (coded && !EncodeCoded(wave, storage, fmt.bitsPerSample, codes)) return false;
-  const bool mp3 = storage == kStorageCompressed;
   int kbit = 0;
   if (mp3 && !EncodeMp3(wave, rate, channels, codes, kbit)) return false;
   const uint32_t bytesPerSample = fmt.bitsPerSample / 8;
   const uint64_t dataBytes = coded || mp3 ? codes.size() : uint64_t(frames) * channels * bytesPerSample;
+  // The format's 32-bit sizes are the only limit on length.
   if (dataBytes > kMaxWriteDataBytes) return Fail("Wave too big - use 64-bit version!");
 
   RiffWriter riff;
@@ -1178,35 +1193,76 @@ bool WriteWaveToMemory(Waveform& wave, std::vector<uint8_t>& out, const WaveWrit
     format.U16(0);  // no leading header ahead of the codes
   }
   riff.Chunk(FourCC("fmt "), format.Bytes().data(), format.Size());
+  size_t factAt = 0;
   if (fmt.tag != kTagPcm || extensible) {
     ByteWriter fact;
     fact.U32(mp3 ? frames + kMp3CodecDelay : frames);
+    factAt = riff.Bytes().size() + 8;
     riff.Chunk(FourCC("fact"), fact.Bytes().data(), fact.Size());
   }
   if (bare) WriteSmpl(riff, wave, params.variant);
   const size_t data = riff.Open(FourCC("data"));
-  if (coded || mp3) riff.Bytes().insert(riff.Bytes().end(), codes.begin(), codes.end());
-  else if (!AppendSamples(riff.Bytes(), wave, storage, channels, fmt.flags)) return false;
   // Silence for unsigned 8-bit samples is 0x80, so the pad byte is too.
-  riff.Close(data, storage == kStoragePcm8 ? 0x80 : 0);
-  if (!bare) {
-    WriteInfoList(riff, wave, params.variant);
-    if (!wave.markers.empty()) WriteMarkers(riff, wave);
+  const uint8_t pad = storage == kStoragePcm8 ? 0x80 : 0;
+  auto writeTail = [&](RiffWriter& to) {
+    if (bare) return;
+    WriteInfoList(to, wave, params.variant);
+    if (!wave.markers.empty()) WriteMarkers(to, wave);
     // Gain has no place in smpl; inst carries it, and agrees with smpl on root and tune.
-    if (wave.gain != 0.0f) WriteInst(riff, wave);
-    WriteSmpl(riff, wave, params.variant);
+    if (wave.gain != 0.0f) WriteInst(to, wave);
+    WriteSmpl(to, wave, params.variant);
+  };
+  if (!streamed) {
+    if (coded || mp3) riff.Bytes().insert(riff.Bytes().end(), codes.begin(), codes.end());
+    else if (!AppendSamples(riff.Bytes(), wave, storage, channels, fmt.flags)) return false;
+    riff.Close(data, pad);
+    writeTail(riff);
+    if (file) return file->Write(riff.Bytes().data(), riff.Bytes().size()) || Fail("Writing to file failed");
+    out = std::move(riff.Bytes());
+    return true;
   }
-  out = std::move(riff.Bytes());
+  // Head, samples as they are decoded, pad and tail; then the sizes, which count the frames that
+  // really came: a source whose data ends early gives a shorter, consistent file.
+  const uint64_t start = file->Tell();
+  if (!file->Write(riff.Bytes().data(), riff.Bytes().size())) return Fail("Writing to file failed");
+  uint64_t written = 0;
+  if (!WriteSamples(*file, wave, storage, channels, fmt.flags, &written)) return false;
+  const uint64_t sampleBytes = written * channels * bytesPerSample;
+  if ((sampleBytes & 1) && !file->Write(&pad, 1)) return Fail("Writing to file failed");
+  RiffWriter tail;
+  tail.Begin(FourCC("RIFF"), FourCC("WAVE"));
+  writeTail(tail);
+  constexpr size_t kFormHead = 12;
+  if (tail.Bytes().size() > kFormHead && !file->Write(tail.Bytes().data() + kFormHead, tail.Bytes().size() - kFormHead))
+    return Fail("Writing to file failed");
+  const uint64_t end = file->Tell();
+  auto patch = [&](uint64_t at, uint64_t value) {
+    uint8_t bytes[4];
+    const uint32_t word = uint32_t(std::min<uint64_t>(value, 0xFFFFFFFFull));
+    for (int k = 0; k < 4; ++k) bytes[k] = uint8_t(word >> (8 * k));
+    return file->Seek(start + at) && file->Write(bytes, 4);
+  };
+  bool ok = patch(4, end - start - 8) && patch(data + 4, sampleBytes);
+  if (factAt) ok = ok && patch(factAt, written);
+  if (!ok || !file->Seek(end)) return Fail("Writing to file failed");
   return true;
+}
+
+}  // namespace
+
+bool WriteWaveToMemory(Waveform& wave, std::vector<uint8_t>& out, const WaveWriteParams& params) {
+  return WriteWave(wave, out, nullptr, params);
+}
+
+bool WriteWaveToFile(Waveform& wave, FileObject& file, const WaveWriteParams& params) {
+  std::vector<uint8_t> unused;
+  return WriteWave(wave, unused, &file, params);
 }
 
 bool WriteWav(Item* item, FileObject* file, const SaveOptions* options) {
   if (!item || item->Type() != ItemType::Waveform) return Fail("The file format can not save this item");
-  std::vector<uint8_t> image;
   WaveWriteParams params{options->caps, options->variant, options->rate};
-  if (!WriteWaveToMemory(*static_cast<Waveform*>(item), image, params)) return false;
-  if (!file->Write(image.data(), image.size())) return Fail("Writing to file failed");
-  return true;
+  return WriteWaveToFile(*static_cast<Waveform*>(item), *file, params);
 }
 
 }  // namespace orlin

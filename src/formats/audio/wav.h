@@ -43,6 +43,8 @@ Waveform* ReadEmbeddedWave(Collection* collection, FileObject& file, uint64_t st
                            std::string_view name);
 // Builds the complete RIFF image of `wave` into `out`.
 bool WriteWaveToMemory(Waveform& wave, std::vector<uint8_t>& out, const WaveWriteParams& params);
+// The same straight into an open file; plain samples stream from the wave's source in blocks.
+bool WriteWaveToFile(Waveform& wave, FileObject& file, const WaveWriteParams& params);
 
 // The decoder the reader leaves on waves that the generic decoder cannot read (more than two channels,
 // samples wider than 32 bits, compressed data): it re-reads the format record the wave points to.

@@ -11,6 +11,7 @@
 #include "core/file_object.h"
 #include "core/last_error.h"
 #include "core/save_choice.h"
+#include "core/wave_stream.h"
 #include "formats/audio/addons/aac_addon.h"
 #include "formats/audio/addons/ffmpeg_addon.h"
 #include "formats/audio/addons/flac_addon.h"
@@ -40,11 +41,14 @@ bool DecodeWith(StreamOpener opener, Waveform* wave, FileObject* file, bool exac
     return false;
   }
   const uint32_t channels = wave->channels;
-  if (!exactLength) {
-    // The container's duration was an estimate (a padded last packet, a missing index): the
-    // decoded frames decide the length.
+  // A stated length the file could hold is decoded in place; a longer one (a forged header, or a
+  // container's estimate) is decoded as far as the data goes, and the decoded frames decide.
+  const int64_t fileBytes = file->Size();
+  const bool plausible = uint64_t(wave->length) * channels * sizeof(float) <=
+                         std::max<uint64_t>(64u << 20, uint64_t(std::max<int64_t>(fileBytes, 0)) * 32);
+  if (!exactLength || !plausible) {
     std::vector<float> all;
-    if (!addons::ReadAllFrames(*stream, all, 0xFFFFFFFFull) || all.empty()) {
+    if (!addons::ReadAllFrames(*stream, all, wave->length ? wave->length : 0xFFFFFFFFull) || all.empty()) {
       SetLastError("Stream error");
       return false;
     }
@@ -72,6 +76,32 @@ bool DecodeWith(StreamOpener opener, Waveform* wave, FileObject* file, bool exac
   return true;
 }
 
+// The streaming twin of a decoder: the codec's stream over a file of its own, handed out as it
+// decodes. A stream shorter than its stated length simply ends.
+class AddonWaveStream : public WaveStream {
+ public:
+  AddonWaveStream(std::unique_ptr<FileObject> file, std::unique_ptr<AudioStream> stream)
+      : file_(std::move(file)), stream_(std::move(stream)) {
+    channels = stream_->channels;
+  }
+  int64_t Read(float* out, uint32_t frames) override {
+    const int64_t got = stream_->Read(out, frames);
+    if (got < 0) SetLastError("Stream error");
+    return got;
+  }
+
+ private:
+  std::unique_ptr<FileObject> file_;  // the stream reads through it
+  std::unique_ptr<AudioStream> stream_;
+};
+
+template <StreamOpener kOpener>
+std::unique_ptr<WaveStream> OpenAddonWaveStream(Waveform&, std::unique_ptr<FileObject> file) {
+  std::unique_ptr<AudioStream> stream = kOpener(*file);
+  if (!stream) return nullptr;
+  return std::make_unique<AddonWaveStream>(std::move(file), std::move(stream));
+}
+
 bool DecodeFlacWave(Waveform* wave, FileObject* file) { return DecodeWith(addons::OpenFlacStream, wave, file); }
 bool DecodeVorbisWave(Waveform* wave, FileObject* file) { return DecodeWith(addons::OpenVorbisStream, wave, file); }
 bool DecodeOpusWave(Waveform* wave, FileObject* file) { return DecodeWith(addons::OpenOpusStream, wave, file); }
@@ -84,6 +114,17 @@ bool DecodeAacWave(Waveform* wave, FileObject* file) { return DecodeWith(addons:
 bool DecodeMediaWave(Waveform* wave, FileObject* file) { return DecodeWith(OpenMedia, wave, file, false); }
 bool DecodeApeWave(Waveform* wave, FileObject* file) { return DecodeWith(OpenApe, wave, file, false); }
 bool DecodeAmrWave(Waveform* wave, FileObject* file) { return DecodeWith(OpenAmr, wave, file, false); }
+
+// Streams whose stated length is exact stream straight into writers; those whose length is an
+// estimate are decoded whole, so that the estimate is corrected first.
+[[maybe_unused]] const bool kStreamsRegistered = [] {
+  RegisterWaveStreamOpener(&DecodeFlacWave, &OpenAddonWaveStream<addons::OpenFlacStream>);
+  RegisterWaveStreamOpener(&DecodeVorbisWave, &OpenAddonWaveStream<addons::OpenVorbisStream>);
+  RegisterWaveStreamOpener(&DecodeOpusWave, &OpenAddonWaveStream<addons::OpenOpusStream>);
+  RegisterWaveStreamOpener(&DecodeMpegWave, &OpenAddonWaveStream<addons::OpenMpegStream>);
+  RegisterWaveStreamOpener(&DecodeWavPackWave, &OpenAddonWaveStream<addons::OpenWavPackStream>);
+  return true;
+}();
 
 // The wave a writer encodes: the item itself, or the first wave of a bank or instrument handed
 // to a row that may hold either.
@@ -105,8 +146,13 @@ Waveform* DescribeWave(Collection* collection, FileObject* file, AudioStream& st
     SetLastError("Too many channels");
     return nullptr;
   }
+  // No codec here packs more than this many frames into a byte of its file (silence in the largest
+  // blocks of FLAC or WavPack, empty Vorbis and Opus packets): a header that states more is forged.
+  constexpr uint64_t kMostFramesPerByte = 8192;
+  const int64_t fileBytes = file->Size();
   auto* wave = new Waveform(collection);
-  wave->length = uint32_t(std::min<uint64_t>(stream.frames, 0xFFFFFFFFu));
+  wave->length = uint32_t(std::min<uint64_t>({stream.frames, 0xFFFFFFFFu,
+                                             uint64_t(std::max<int64_t>(fileBytes, 1)) * kMostFramesPerByte}));
   wave->channels = uint8_t(stream.channels);
   wave->sampleRate = stream.rate;
   wave->sourceOffset = 0;

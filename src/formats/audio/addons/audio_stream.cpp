@@ -148,7 +148,9 @@ std::vector<uint8_t> Base64Decode(std::string_view text) {
 bool ReadAllFrames(AudioStream& stream, std::vector<float>& out, uint64_t limit) {
   const uint32_t channels = std::max<uint32_t>(stream.channels, 1);
   out.clear();
-  out.reserve(size_t(std::min<uint64_t>(stream.frames ? stream.frames : 65536, limit)) * channels);
+  // The stated length is only a hint: a forged header must not reserve what the data never fills.
+  constexpr uint64_t kMostReserved = 1u << 22;
+  out.reserve(size_t(std::min<uint64_t>({stream.frames ? stream.frames : 65536, limit, kMostReserved})) * channels);
   std::vector<float> chunk(4096 * channels);
   uint64_t done = 0;
   while (done < limit) {

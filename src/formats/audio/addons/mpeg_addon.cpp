@@ -122,6 +122,7 @@ struct MemorySource {
 mpg123_ssize_t MemoryRead(void* handle, void* buffer, size_t bytes) {
   auto* source = static_cast<MemorySource*>(handle);
   const size_t take = std::min(bytes, source->bytes.size() - source->at);
+  if (take == 0) return 0;  // an empty source has no data pointer to copy from
   std::memcpy(buffer, source->bytes.data() + source->at, take);
   source->at += take;
   return mpg123_ssize_t(take);

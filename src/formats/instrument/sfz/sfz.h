@@ -74,7 +74,11 @@ struct SfzToken {
 };
 
 // Applies #define and #include to `text`; `folder` is where included files are looked for.
-// Include depth is limited so that a file including itself ends.
+// Include depth is limited so that a file including itself ends. The expanded text may reach a fixed
+// multiple of the bytes read; past it the first form fails with "Too much text from #define and
+// #include (over N bytes) for this file" and leaves `out` empty, the second gives what stood by then.
+bool PreprocessSfz(const std::string& text, const std::string& folder, std::vector<SfzLogEntry>* log,
+                   std::string& out);
 std::string PreprocessSfz(const std::string& text, const std::string& folder, std::vector<SfzLogEntry>* log);
 // Splits pre-processed text into headers, opcodes, comments and blank-line marks.
 std::vector<SfzToken> TokenizeSfz(const std::string& text);

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <set>
 #include <unordered_map>
 
@@ -16,6 +17,7 @@
 #include "core/fixup.h"
 #include "core/last_error.h"
 #include "core/pipeline.h"
+#include "core/region_grid.h"
 #include "core/text.h"
 #include "formats/instrument/sfz/sfz.h"
 
@@ -134,6 +136,7 @@ class SfzReader {
   fs::path folder_;
   std::vector<SfzLogEntry>* log_;
   Instrument* instrument_ = nullptr;
+  std::unique_ptr<LayerPlacer> placer_;  // layers of instrument_, by the collision rule
   Level global_, master_, group_, region_, effect_;
   std::string defaultPath_;
   std::map<int, float> ccDefaults_;  // controller number -> 0..1
@@ -305,7 +308,7 @@ void SfzReader::FinishRegion() {
   if (!wave) return;
   if (root > 127) root = 127;
   if (root < 0) root = -1;  // not given: the wave keeps its own root
-  Region* region = instrument_->AddRegion(wave->id, PackRange(loKey, hiKey),
+  Region* region = placer_->AddRegion(wave->id, PackRange(loKey, hiKey),
                                           PackRange(std::clamp(loVel, 0, 127), std::clamp(hiVel, 0, 127)), root);
   if (!region) return;
   Convert(opcodes, *region, *wave, root >= 0);
@@ -621,10 +624,12 @@ void SfzReader::Convert(const Level& opcodes, Region& region, Waveform& wave, bo
 }
 
 bool SfzReader::Run(const std::string& rawText) {
-  const std::string text = PreprocessSfz(rawText, folder_.string(), log_);
+  std::string text;
+  if (!PreprocessSfz(rawText, folder_.string(), log_, text)) return false;
   const std::vector<SfzToken> tokens = TokenizeSfz(text);
   instrument_ = new Instrument(collection_);
   instrument_->SetName(fs::path(path_).stem().string());
+  placer_ = std::make_unique<LayerPlacer>(*instrument_);
   Section section = Section::None;
   bool sawComment = false;
   auto close = [&]() {

@@ -5,45 +5,64 @@
 #include <algorithm>
 #include <cctype>
 #include <filesystem>
+#include <unordered_map>
 
 #include "core/file_object.h"
+#include "core/last_error.h"
 #include "formats/instrument/sfz/sfz.h"
 
 namespace orlin {
 
 namespace {
 
-constexpr int kMaxIncludeDepth = 16;               // a file including itself ends here
-constexpr size_t kMaxExpandedBytes = 16u << 20;    // includes that multiply stop growing here
+constexpr int kMaxIncludeDepth = 16;  // a file including itself ends here
 constexpr size_t kMaxDefines = 4096;
+constexpr size_t kMaxDefineName = 64;
+// The text #define and #include may expand to: a fixed multiple of the bytes read from the file and
+// its includes, so that doubling defines and includes that multiply stop early and in bounded memory.
+constexpr size_t kExpansionPerInputByte = 8;
+constexpr size_t kExpansionFloor = 1u << 20;
 
 bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\b' || c == '\0' || c == '\r'; }
 bool IsKeyChar(char c) { return std::isalnum(uint8_t(c)) || c == '_' || c == '$' || c == '#'; }
 
 struct Preprocessor {
-  std::vector<std::pair<std::string, std::string>> defines;  // longest name first
+  // Names with their values; at a "$" the longest name that stands there wins.
+  std::unordered_map<std::string, std::string> defines;
+  std::vector<size_t> nameLengths;  // distinct name lengths, longest first
   std::vector<SfzLogEntry>* log;
-  size_t produced = 0;
-  bool truncated = false;
+  std::unordered_map<std::string, std::string> included;  // path -> text of files included so far
+  size_t inputBytes = 0;
+  size_t produced = 0;  // bytes of output and of define values
+  bool overBudget = false;
+
+  size_t Budget() const { return kExpansionPerInputByte * inputBytes + kExpansionFloor; }
+  bool Spend(size_t bytes) {
+    produced += bytes;
+    if (produced > Budget()) overBudget = true;
+    return !overBudget;
+  }
 
   void Log(int line, int column, std::string text) {
     if (log) log->push_back({line, column, std::move(text)});
   }
 
-  std::string Substitute(const std::string& line) const {
-    if (line.find('$') == std::string::npos) return line;
+  std::string Substitute(const std::string& line) {
+    if (line.find('$') == std::string::npos || defines.empty()) return line;
     std::string out;
     out.reserve(line.size());
-    for (size_t i = 0; i < line.size();) {
+    for (size_t i = 0; i < line.size() && !overBudget;) {
       bool replaced = false;
       if (line[i] == '$') {
-        for (const auto& [name, value] : defines) {
-          if (line.compare(i, name.size(), name) == 0) {
-            out += value;
-            i += name.size();
-            replaced = true;
-            break;
-          }
+        for (size_t length : nameLengths) {
+          if (i + length > line.size()) continue;
+          auto found = defines.find(line.substr(i, length));
+          if (found == defines.end()) continue;
+          if (found->second.size() > length && !Spend(found->second.size() - length)) break;
+          out += found->second;
+          i += length;
+          replaced = true;
+          break;
         }
       }
       if (!replaced) out += line[i++];
@@ -51,10 +70,24 @@ struct Preprocessor {
     return out;
   }
 
+  void Define(const std::string& name, std::string value) {
+    if (!Spend(value.size())) return;
+    auto found = defines.find(name);
+    if (found != defines.end()) {
+      found->second = std::move(value);
+      return;
+    }
+    defines.emplace(name, std::move(value));
+    if (std::find(nameLengths.begin(), nameLengths.end(), name.size()) == nameLengths.end()) {
+      nameLengths.push_back(name.size());
+      std::sort(nameLengths.rbegin(), nameLengths.rend());
+    }
+  }
+
   void Run(const std::string& text, const std::filesystem::path& folder, int depth, std::string& out) {
     size_t at = 0;
     int lineNumber = 0;
-    while (at <= text.size() && !truncated) {
+    while (at <= text.size() && !overBudget) {
       size_t end = text.find('\n', at);
       if (end == std::string::npos) end = text.size();
       ++lineNumber;
@@ -74,18 +107,10 @@ struct Preprocessor {
         size_t valueEnd = v;
         while (valueEnd < line.size() && !IsBlank(line[valueEnd])) ++valueEnd;
         std::string name = line.substr(p, nameEnd - p);
-        if (name.size() > 1 && name[0] == '$' && defines.size() < kMaxDefines) {
-          std::string value = Substitute(line.substr(v, valueEnd - v));
-          auto found = std::find_if(defines.begin(), defines.end(), [&](auto& d) { return d.first == name; });
-          if (found != defines.end()) {
-            found->second = value;
-          } else {
-            defines.emplace_back(name, value);
-            std::stable_sort(defines.begin(), defines.end(),
-                             [](auto& a, auto& b) { return a.first.size() > b.first.size(); });
-          }
+        if (name.size() > 1 && name[0] == '$' && name.size() <= kMaxDefineName && defines.size() < kMaxDefines) {
+          Define(name, Substitute(line.substr(v, valueEnd - v)));
         } else {
-          Log(lineNumber, int(first) + 1, "#define without a $name");
+          Log(lineNumber, int(first) + 1, "#define without a $name of up to 64 characters");
         }
         out += '\n';
         continue;
@@ -94,6 +119,7 @@ struct Preprocessor {
       if (line.compare(first, 8, "#include") == 0) {
         const size_t open = line.find('"', first + 8);
         const size_t close = open == std::string::npos ? open : line.find('"', open + 1);
+        if (!Spend(1)) break;
         out += '\n';
         if (close == std::string::npos) {
           Log(lineNumber, int(first) + 1, "#include without a quoted file name");
@@ -105,21 +131,24 @@ struct Preprocessor {
           Log(lineNumber, int(first) + 1, "#include nested too deep: " + name);
           continue;
         }
-        const std::filesystem::path path = folder / name;
-        std::string included;
-        // A file that cannot be opened leaves the directive out; devices and folders are never read.
-        std::error_code error;
-        if (!std::filesystem::is_regular_file(path, error) || !ReadWholeFile(path.string(), included)) continue;
-        Run(included, path.parent_path(), depth + 1, out);
+        const std::filesystem::path path = (folder / name).lexically_normal();
+        // A file included again is read once, and its bytes count once towards the budget, so that
+        // includes that multiply cannot buy themselves room.
+        auto cached = included.find(path.string());
+        if (cached == included.end()) {
+          std::string content;
+          // A file that cannot be opened leaves the directive out; devices and folders are never read.
+          std::error_code error;
+          if (!std::filesystem::is_regular_file(path, error) || !ReadWholeFile(path.string(), content)) continue;
+          inputBytes += content.size();
+          cached = included.emplace(path.string(), std::move(content)).first;
+        }
+        const std::string& includedText = cached->second;
+        Run(includedText, path.parent_path(), depth + 1, out);
         if (!out.empty() && out.back() != '\n') out += '\n';
         continue;
       }
-      produced += line.size() + 1;
-      if (produced > kMaxExpandedBytes) {
-        truncated = true;
-        Log(lineNumber, 1, "text grows past 16 MB through #include; the rest is left out");
-        break;
-      }
+      if (!Spend(line.size() + 1)) break;
       out += line;
       if (!lastLine) out += '\n';
     }
@@ -128,12 +157,26 @@ struct Preprocessor {
 
 }  // namespace
 
-std::string PreprocessSfz(const std::string& text, const std::string& folder, std::vector<SfzLogEntry>* log) {
+bool PreprocessSfz(const std::string& text, const std::string& folder, std::vector<SfzLogEntry>* log,
+                   std::string& out) {
   Preprocessor pre;
   pre.log = log;
-  std::string out;
+  out.clear();
   out.reserve(text.size());
+  pre.inputBytes = text.size();
   pre.Run(text, folder, 0, out);
+  if (pre.overBudget) {
+    SetLastError("Too much text from #define and #include (over " + std::to_string(pre.Budget()) +
+                 " bytes) for this file");
+    out.clear();
+    return false;
+  }
+  return true;
+}
+
+std::string PreprocessSfz(const std::string& text, const std::string& folder, std::vector<SfzLogEntry>* log) {
+  std::string out;
+  PreprocessSfz(text, folder, log, out);
   return out;
 }
 
@@ -143,6 +186,7 @@ std::vector<SfzToken> TokenizeSfz(const std::string& text) {
   size_t lineStart = 0;
   size_t i = 0;
   int newlinesInRow = 0;
+  size_t lineEnd = std::string::npos;  // end of the line at hand, once found
   auto token = [&](SfzTokenKind kind, size_t at) {
     SfzToken t;
     t.kind = kind;
@@ -166,8 +210,11 @@ std::vector<SfzToken> TokenizeSfz(const std::string& text) {
     }
     newlinesInRow = 0;
     const size_t start = i;
-    size_t lineEnd = text.find('\n', i);
-    if (lineEnd == std::string::npos) lineEnd = size;
+    // The line's end is found once per line, not once per token: a line of a million opcodes stays linear.
+    if (lineEnd == std::string::npos || lineEnd < i) {
+      lineEnd = text.find('\n', i);
+      if (lineEnd == std::string::npos) lineEnd = size;
+    }
     if (c == '/') {
       SfzToken t = token(SfzTokenKind::Comment, start);
       size_t p = i;

@@ -272,11 +272,7 @@ bool WriteWaveFile(Waveform& wave, const std::string& path, const WaveTarget& ta
     waveOptions.variant = entry->variant;
     return entry->write(&wave, &file, &waveOptions);
   }
-  std::vector<uint8_t> bytes;
-  if (!WriteWaveToMemory(wave, bytes, WaveWriteParams{})) return false;
-  if (file.Write(bytes.data(), bytes.size())) return true;
-  SetLastError("Writing to file failed");
-  return false;
+  return WriteWaveToFile(wave, file, WaveWriteParams{});
 }
 
 std::string RegionText(const Region& region, const std::string& sample, bool v2,
@@ -338,8 +334,15 @@ std::string RegionText(const Region& region, const std::string& sample, bool v2,
   return out.text;
 }
 
+// The wave files of one save: each wave is written once per folder, however many instruments and
+// regions use it, and names stay unique within a folder across all instruments.
+struct WaveFiles {
+  std::map<std::pair<const Waveform*, std::string>, std::string> names;  // (wave, folder) -> file name
+  std::map<std::string, std::set<std::string>> usedNames;                // folder -> lower-case names
+};
+
 bool WriteInstrument(Instrument& instrument, const std::string& path, FileObject* given, bool v2, bool subFolder,
-                     const SaveOptions& options, const WaveTarget& target) {
+                     const SaveOptions& options, const WaveTarget& target, WaveFiles& waveFiles) {
   Collection& collection = *instrument.collection;
   std::string text;
   const auto& head = v2 ? kVersion2Head : kVersion1Head;
@@ -382,8 +385,8 @@ bool WriteInstrument(Instrument& instrument, const std::string& path, FileObject
   text += global.text + "\n";
   const Articulation instrumentEffective = Effective(instrument.articulation, DefaultArticulation());
 
-  std::map<const Waveform*, std::string> waveNames;
-  std::set<std::string> usedNames;
+  const std::string folderKey = waveFolder.lexically_normal().string();
+  std::set<std::string>& usedNames = waveFiles.usedNames[folderKey];
   for (uint32_t layerId : instrument.children) {
     Layer* layer = collection.Find<Layer>(layerId);
     if (!layer) continue;
@@ -396,15 +399,15 @@ bool WriteInstrument(Instrument& instrument, const std::string& path, FileObject
       Region* region = collection.Find<Region>(regionId);
       Waveform* wave = region ? region->GetWave() : nullptr;
       if (!wave) continue;
-      auto known = waveNames.find(wave);
-      if (known == waveNames.end()) {
+      auto known = waveFiles.names.find({wave, folderKey});
+      if (known == waveFiles.names.end()) {
         std::string base = FileNameFromItemName(wave->GetName());
         std::string name = base + "." + target.extension;
         for (int n = 2; usedNames.count(ToLowerAscii(name)); ++n) name = base + " " + std::to_string(n) + "." + target.extension;
         usedNames.insert(ToLowerAscii(name));
         if (!WriteWaveFile(*wave, (waveFolder / name).string(), target, options))
           Ui().Warn("Error!", LastError());
-        known = waveNames.emplace(wave, name).first;
+        known = waveFiles.names.emplace(std::make_pair(wave, folderKey), name).first;
       }
       text += RegionText(*region, known->second, v2, layerEffective);
     }
@@ -440,6 +443,7 @@ bool WriteSfz(Item* item, FileObject* file, const SaveOptions* options) {
   const std::string path = file->Path();
   const fs::path folder = fs::path(path).parent_path();
   const auto& instruments = view.Instruments();
+  WaveFiles waveFiles;
   for (size_t i = 0; i < instruments.size(); ++i) {
     // Further instruments get files of their own: the collection's name plus the instrument's.
     std::string targetPath = path;
@@ -447,7 +451,8 @@ bool WriteSfz(Item* item, FileObject* file, const SaveOptions* options) {
       const std::string name = FileNameFromItemName(view.Owner().GetName() + " " + instruments[i]->GetName());
       targetPath = (folder / (name + ".sfz")).string();
     }
-    if (!WriteInstrument(*instruments[i], targetPath, i == 0 ? file : nullptr, v2, subFolder, *options, target))
+    if (!WriteInstrument(*instruments[i], targetPath, i == 0 ? file : nullptr, v2, subFolder, *options, target,
+                         waveFiles))
       return false;
   }
   return true;

@@ -15,6 +15,7 @@
 #include "core/file_object.h"
 #include "core/last_error.h"
 #include "core/pcm.h"
+#include "core/region_grid.h"
 #include "core/user_interface.h"
 #include "formats/audio/addons/flac_addon.h"
 #include "formats/audio/addons/vorbis_addon.h"
@@ -468,7 +469,8 @@ Layer* NewLayer(Instrument* instrument, const Layer* copyFrom) {
   return layer;
 }
 
-void PlaceRegion(ReadState& state, Instrument* instrument, Layer*& current, const Zone& preset, const Zone& inst) {
+void PlaceRegion(ReadState& state, Instrument* instrument, LayerPlacer& placer, Layer*& current, const Zone& preset,
+                 const Zone& inst) {
   const int loKey = std::max(preset.loKey, inst.loKey), hiKey = std::min(preset.hiKey, inst.hiKey);
   const int loVel = std::max(preset.loVel, inst.loVel), hiVel = std::min(preset.hiVel, inst.hiVel);
   if (loKey > hiKey || loVel > hiVel) return;  // the two ranges do not meet
@@ -486,15 +488,16 @@ void PlaceRegion(ReadState& state, Instrument* instrument, Layer*& current, cons
     auto partner = state.pairLayers.find(header.link);
     if (partner != state.pairLayers.end()) {
       Layer* partnerLayer = state.collection->Find<Layer>(partner->second);
-      if (partnerLayer && partnerLayer->parentId == instrument->id && !partnerLayer->Overlaps(keyRange, velocityRange))
+      if (partnerLayer && partnerLayer->parentId == instrument->id && !placer.Overlaps(*partnerLayer, keyRange, velocityRange))
         layer = partnerLayer;
     }
   }
   if (!layer) {
     if (!current) current = NewLayer(instrument, nullptr);
-    if (current->Overlaps(keyRange, velocityRange)) current = NewLayer(instrument, current);
+    if (placer.Overlaps(*current, keyRange, velocityRange)) current = NewLayer(instrument, current);
     layer = current;
   }
+  placer.Occupy(*layer, keyRange, velocityRange);
   if (stereo) state.pairLayers[sampleIndex] = layer->id;
 
   auto* region = new Region(state.collection, MakeId(ItemType::Region, kNextFreeIndex), wave->id, keyRange,
@@ -543,6 +546,65 @@ void PlaceRegion(ReadState& state, Instrument* instrument, Layer*& current, cons
   ZoneToArticulation(g, m, region->articulation);
 }
 
+// Forged banks may point bags and zones backwards so that ranges overlap and one table entry is
+// walked again and again; the standard has them rising, and a range that runs backwards is empty.
+template <typename Record, typename Field>
+void MakeRising(std::vector<Record>& records, Field field) {
+  for (size_t i = 1; i < records.size(); ++i) records[i].*field = std::max(records[i].*field, records[i - 1].*field);
+}
+
+// The regions and generator reads the preset × instrument walk will make, counted before any item
+// exists, against what the bank's own zones can justify: a region stands for a pair of zones, and real
+// banks reuse an instrument in a handful of presets, not in thousands.
+bool WithinBudget(const SoundFontFile& bank) {
+  constexpr uint64_t kRegionsPerZone = 16, kRegionFloor = 65536;
+  constexpr uint64_t kReadsPerTableEntry = 64, kReadFloor = 1u << 22;
+  const uint64_t zones = bank.presetBags.size() + bank.instrumentBags.size();
+  const uint64_t regionBudget = kRegionsPerZone * zones + kRegionFloor;
+  const uint64_t readBudget =
+      kReadsPerTableEntry * (zones + bank.presetGenerators.size() + bank.instrumentGenerators.size()) + kReadFloor;
+  auto bagEnd = [](const auto& headers, size_t index, size_t bagCount) {
+    return std::min<size_t>(headers[index + 1].firstBag, bagCount);
+  };
+  auto generatorsOf = [](const std::vector<SfBag>& bags, size_t bag, size_t generatorCount) -> uint64_t {
+    const size_t first = bags[bag].firstGenerator;
+    const size_t last = bag + 1 < bags.size() ? bags[bag + 1].firstGenerator : generatorCount;
+    return last > first ? std::min(last, generatorCount) - std::min(first, generatorCount) : 0;
+  };
+  // Per instrument: its zones and the generators a walk over them reads.
+  std::vector<uint64_t> instrumentZones(bank.instruments.size(), 0), instrumentReads(bank.instruments.size(), 0);
+  for (size_t i = 0; i + 1 < bank.instruments.size(); ++i)
+    for (size_t b = bank.instruments[i].firstBag; b < bagEnd(bank.instruments, i, bank.instrumentBags.size()); ++b) {
+      ++instrumentZones[i];
+      instrumentReads[i] += 1 + generatorsOf(bank.instrumentBags, b, bank.instrumentGenerators.size());
+    }
+  uint64_t regions = 0, reads = 0;
+  for (size_t p = 0; p + 1 < bank.presets.size(); ++p) {
+    for (size_t b = bank.presets[p].firstBag; b < bagEnd(bank.presets, p, bank.presetBags.size()); ++b) {
+      reads += 1 + generatorsOf(bank.presetBags, b, bank.presetGenerators.size());
+      // The zone's instrument: the last instrument generator of its range, as ReadZone takes it.
+      const size_t first = bank.presetBags[b].firstGenerator;
+      const size_t last = b + 1 < bank.presetBags.size() ? bank.presetBags[b + 1].firstGenerator
+                                                         : bank.presetGenerators.size();
+      int64_t link = -1;
+      for (size_t g = first; g < last && g < bank.presetGenerators.size(); ++g)
+        if (bank.presetGenerators[g].op == kGenInstrument) link = uint16_t(bank.presetGenerators[g].amount);
+      if (link < 0 || size_t(link) + 1 >= bank.instruments.size()) continue;
+      regions += instrumentZones[size_t(link)];
+      reads += instrumentReads[size_t(link)];
+    }
+  }
+  if (regions > regionBudget) {
+    SetLastError("Too many regions (" + std::to_string(regions) + ") for this file");
+    return false;
+  }
+  if (reads > readBudget) {
+    SetLastError("Too many zone generators (" + std::to_string(reads) + ") for this file");
+    return false;
+  }
+  return true;
+}
+
 void ReadPresets(ReadState& state) {
   const SoundFontFile& bank = state.bank;
   Zone start;
@@ -561,6 +623,7 @@ void ReadPresets(ReadState& state) {
     instrument->SetPatch(header.bank & 0x7F, 0, header.preset & 0x7F, drum);
     state.pairLayers.clear();
     Layer* current = nullptr;
+    LayerPlacer placer(*instrument);
     const size_t bagEnd = std::min<size_t>(bank.presets[p + 1].firstBag, bank.presetBags.size());
     Zone presetGlobal = presetStart;
     for (size_t b = header.firstBag; b < bagEnd; ++b) {
@@ -583,7 +646,7 @@ void ReadPresets(ReadState& state) {
           if (ib == inst.firstBag) instGlobal = instZone;
           continue;
         }
-        PlaceRegion(state, instrument, current, presetZone, instZone);
+        PlaceRegion(state, instrument, placer, current, presetZone, instZone);
       }
     }
   }
@@ -595,6 +658,13 @@ bool ReadSoundFont(Collection* collection, FileObject* file, uint32_t) {
   ReadState state{collection, file, {}, {}, {}};
   if (!ReadSoundFontTables(*file, state.bank)) return false;
   SoundFontFile& bank = state.bank;
+  MakeRising(bank.presets, &SfPresetHeader::firstBag);
+  MakeRising(bank.instruments, &SfInstrumentHeader::firstBag);
+  MakeRising(bank.presetBags, &SfBag::firstGenerator);
+  MakeRising(bank.presetBags, &SfBag::firstModulator);
+  MakeRising(bank.instrumentBags, &SfBag::firstGenerator);
+  MakeRising(bank.instrumentBags, &SfBag::firstModulator);
+  if (!WithinBudget(bank)) return false;
   if (!bank.bankName.empty()) collection->SetNameNarrow(bank.bankName);
   if (!bank.engineer.empty()) collection->SetText(kTextEngineer, bank.engineer);
   if (!bank.copyright.empty()) collection->SetText(kTextCopyright, bank.copyright);
