@@ -299,6 +299,8 @@ bool ReadGig(Collection* collection, FileObject* file, uint32_t) {
     const bool drum = source.bank & kDrumBit;
     instrument->SetPatch((source.bank >> 8) & 0x7F, source.bank & 0x7F, int(source.program & 0x7F), drum);
     instrument->SetName(source.name.empty() ? "Instrument" : source.name);
+    // The default velocity response (non-linear, depth 3) is taken as the DLS player's curve.
+    instrument->articulation.Set(kDlsVelocityToVolumeParam, kDlsVelocityToVolume);
     if (!source.comments.empty()) instrument->SetText(kTextComments, source.comments);
     if (!source.copyright.empty()) instrument->SetText(kTextCopyright, source.copyright);
     std::map<uint32_t, int> layerOfCombination;  // non-velocity dimension bits -> layer hint
