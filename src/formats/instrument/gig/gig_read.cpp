@@ -26,7 +26,7 @@ bool Fail(const char* text) {
   return false;
 }
 
-constexpr uint8_t kDimSampleChannel = 0x80, kDimLayer = 0x81, kDimVelocity = 0x82, kDimReleaseTrigger = 0x84;
+constexpr uint8_t kDimSampleChannel = 0x80, kDimVelocity = 0x82, kDimReleaseTrigger = 0x84;
 constexpr ParamId kTriggerType = 189, kPan = 51;
 constexpr uint32_t kDrumBit = 0x80000000u;
 
