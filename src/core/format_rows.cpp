@@ -182,11 +182,11 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /* 159 */ {"g726-5", ReadCodecRaw, WriteCodecRaw, DetectByExtensionOnly, "G.726 5-bit ADPCM - Big Endian", 0x01, 0x00104000, 0x80151, nullptr},  // G.726: 40 kbit/s 5-bit ADPCM, mono
     /* 160 */ {"g726-5", ReadCodecRaw, WriteCodecRaw, DetectByExtensionOnly, "G.726 5-bit ADPCM - Little Endian", 0x01, 0x00104000, 0x80152, nullptr},  // G.726: 40 kbit/s 5-bit ADPCM, mono
     /* 161 */ {"gdm", nullptr, nullptr, nullptr, "Bells, Whistles, Sound Boards module", 0x91, 0x00100005, 0x0, nullptr},  // tracker module: 8/16-bit mono samples, patterns not kept
-    /* 162 */ {"gig", ReadGig, nullptr, DetectGig, "GigaStudio/GigaSampler", 0x91, 0x00300014, 0x0, nullptr},  // GigaStudio: DLS-based, 16/24-bit waves, mono or stereo
-    /* 163 */ {"gig", nullptr, nullptr, nullptr, "GigaStudio v1 - Normal", 0x91, 0x00300004, 0x1, nullptr},  // GigaStudio v1/v2: 16-bit waves, mono or stereo
-    /* 164 */ {"gig", nullptr, nullptr, nullptr, "GigaStudio v1 - Compressed", 0x91, 0x00300004, 0x2, nullptr},  // GigaStudio v1/v2: 16-bit waves, lossless packed
-    /* 165 */ {"gig", nullptr, nullptr, nullptr, "GigaStudio v3 - Normal", 0x91, 0x00300014, 0x3, nullptr},  // GigaStudio v3: 16/24-bit waves, mono or stereo
-    /* 166 */ {"gig", nullptr, nullptr, nullptr, "GigaStudio v3 - Compressed", 0x91, 0x00300014, 0x4, nullptr},  // GigaStudio v3: 16/24-bit waves, lossless packed
+    /* 162 */ {"gig", ReadGig, WriteGig, DetectGig, "GigaStudio/GigaSampler", 0x91, 0x00300014, 0x0, nullptr},  // GigaStudio: DLS-based, 16/24-bit waves, mono or stereo
+    /* 163 */ {"gig", nullptr, WriteGig, nullptr, "GigaStudio v1 - Normal", 0x91, 0x00300004, 0x1, nullptr},  // GigaStudio v1/v2: 16-bit waves, mono or stereo
+    /* 164 */ {"gig", nullptr, WriteGig, nullptr, "GigaStudio v1 - Compressed", 0x91, 0x00300004, 0x2, nullptr},  // GigaStudio v1/v2: 16-bit waves, lossless packed
+    /* 165 */ {"gig", nullptr, WriteGig, nullptr, "GigaStudio v3 - Normal", 0x91, 0x00300014, 0x3, nullptr},  // GigaStudio v3: 16/24-bit waves, mono or stereo
+    /* 166 */ {"gig", nullptr, WriteGig, nullptr, "GigaStudio v3 - Compressed", 0x91, 0x00300014, 0x4, nullptr},  // GigaStudio v3: 16/24-bit waves, lossless packed
     /* 167 */ {"gi!", ReadGig, nullptr, DetectGig, "GigaStudio/GSImport split", 0x91, 0x00300014, 0x0, nullptr},  // GigaStudio split: DLS-based, 16/24-bit waves
     /* 168 */ {"gkh", nullptr, nullptr, nullptr, "Ensoniq EPS disk image", 0x91, 0x00100004, 0x0, nullptr},  // Ensoniq disk image: 16-bit mono samples with instruments
     /* 169 */ {"gsm", ReadCodecRaw, WriteCodecRaw, DetectByExtensionOnly, "Raw GSM 06.10", 0x01, 0x00100400, 0x80400, nullptr},  // GSM 06.10 full-rate: 33-byte frames, 8 kHz mono

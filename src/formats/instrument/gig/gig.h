@@ -13,6 +13,8 @@ class Waveform;
 
 int32_t DetectGig(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
 bool ReadGig(Collection* collection, FileObject* file, uint32_t variant);
+// Variant 1 and 2 write version 2 files, 0, 3 and 4 version 3; 2 and 4 store waves in packed frames.
+bool WriteGig(Item* item, FileObject* file, const SaveOptions* options);
 
 // Dimension types of 3lnk, and the words `orlin info` shows for them.
 const char* GigDimensionName(uint8_t type);

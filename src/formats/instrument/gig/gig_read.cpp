@@ -26,7 +26,7 @@ bool Fail(const char* text) {
   return false;
 }
 
-constexpr uint8_t kDimSampleChannel = 0x80, kDimLayer = 0x81, kDimVelocity = 0x82, kDimReleaseTrigger = 0x84;
+constexpr uint8_t kDimSampleChannel = 0x80, kDimVelocity = 0x82, kDimReleaseTrigger = 0x84;
 constexpr ParamId kTriggerType = 189, kPan = 51;
 constexpr uint32_t kDrumBit = 0x80000000u;
 
@@ -299,6 +299,8 @@ bool ReadGig(Collection* collection, FileObject* file, uint32_t) {
     const bool drum = source.bank & kDrumBit;
     instrument->SetPatch((source.bank >> 8) & 0x7F, source.bank & 0x7F, int(source.program & 0x7F), drum);
     instrument->SetName(source.name.empty() ? "Instrument" : source.name);
+    // The default velocity response (non-linear, depth 3) is taken as the DLS player's curve.
+    instrument->articulation.Set(kDlsVelocityToVolumeParam, kDlsVelocityToVolume);
     if (!source.comments.empty()) instrument->SetText(kTextComments, source.comments);
     if (!source.copyright.empty()) instrument->SetText(kTextCopyright, source.copyright);
     std::map<uint32_t, int> layerOfCombination;  // non-velocity dimension bits -> layer hint
