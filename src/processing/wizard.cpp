@@ -214,8 +214,9 @@ bool RunWizard(ProcessingWizard& wizard, std::string_view algorithmName, bool au
   // Every selected wave must decode before the frame opens.
   for (Waveform* wave : SelectedWaves(wizard)) {
     if (!wave->Preload() && !wave->GetSamplesForRead() && wave->length > 0) {
-      Ui().Warn("Error!", LastError());
+      ReportItemFailure(wizard, wave);
       wizard.cancelled = true;
+      wizard.resultText = "Processing was cancelled";
       return false;
     }
   }

@@ -138,6 +138,22 @@ TEST_F(WizardTest, RunReportsUndoAndUnknownNames) {
   EXPECT_TRUE(wizard.listShown);
   EXPECT_EQ(wizard.processed, 0u);
 
+  // A wave that cannot be decoded keeps the frame from opening; nothing runs, no state is taken.
+  Waveform* broken = new Waveform(&collection);
+  broken->SetName("broken");
+  broken->length = 10;
+  broken->decoder = [](Waveform*, FileObject*) {
+    SetLastError("Reading from file failed");
+    return false;
+  };
+  broken->SetText(kTextSourceFile, "<memory>");
+  InitWizard(wizard, collection, {a, broken});
+  const size_t statesBefore = undo.labels.size();
+  EXPECT_FALSE(RunWizard(wizard, "Maximize amplitude", true));
+  EXPECT_TRUE(wizard.cancelled);
+  EXPECT_EQ(wizard.failures, std::vector<std::string>{"broken: Reading from file failed"});
+  EXPECT_EQ(undo.labels.size(), statesBefore);
+
   // No items: false at once.
   InitWizard(wizard, collection, {});
   EXPECT_FALSE(RunWizard(wizard, "Maximize amplitude", true));
