@@ -250,7 +250,7 @@ int RunProcess(const ProcessRequest& request, std::ostream& out, std::ostream& e
       out << input << ": " << wizard.resultText << "\n";
       for (const std::string& failure : wizard.failures)
         if (failure != wizard.resultText) err << input << ": " << failure << "\n";
-      if (!wizard.failures.empty()) failed = true;
+      if (!wizard.failures.empty() || wizard.cancelled) failed = true;
     }
     if (failed) {
       // A chain that failed on an item writes nothing: the user's file is not replaced by half a result.

@@ -6,6 +6,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
+#include <unordered_set>
 
 #include "core/last_error.h"
 #include "core/user_interface.h"
@@ -214,8 +215,9 @@ bool RunWizard(ProcessingWizard& wizard, std::string_view algorithmName, bool au
   // Every selected wave must decode before the frame opens.
   for (Waveform* wave : SelectedWaves(wizard)) {
     if (!wave->Preload() && !wave->GetSamplesForRead() && wave->length > 0) {
-      Ui().Warn("Error!", LastError());
+      ReportItemFailure(wizard, wave);
       wizard.cancelled = true;
+      wizard.resultText = "Processing was cancelled";
       return false;
     }
   }
@@ -255,15 +257,24 @@ bool FinishWizard(ProcessingWizard& wizard) {
     wizard.undoTaken = CurrentUndoHook().TakeState(row->name, wizard.items, wizard.family);
   }
   wizard.processed = 0;
-  const size_t itemsBefore = wizard.collection ? wizard.collection->AllItems().size() : 0;
+  // Which items the run adds or removes, by id: for the tree and for the undo hook.
+  std::unordered_set<uint32_t> idsBefore;
+  if (wizard.collection)
+    for (const Item* item : wizard.collection->AllItems()) idsBefore.insert(item->id);
   ClearLastError();
   if (!row->procedure(wizard)) {
     wizard.failures.push_back(LastError());
     Ui().Warn("Error!", LastError());
   }
-  if (wizard.collection && wizard.collection->AllItems().size() != itemsBefore) wizard.treeChanged = true;
-  if (wizard.family != AlgorithmFamily::Audio) wizard.treeChanged = true;
-  if (wizard.undoTaken) CurrentUndoHook().RunFinished(wizard.treeChanged);
+  std::vector<Item*> added;
+  std::vector<uint32_t> removed;
+  if (wizard.collection) {
+    for (Item* item : wizard.collection->AllItems())
+      if (!idsBefore.erase(item->id)) added.push_back(item);
+    removed.assign(idsBefore.begin(), idsBefore.end());
+  }
+  if (!added.empty() || !removed.empty() || wizard.family != AlgorithmFamily::Audio) wizard.treeChanged = true;
+  if (wizard.undoTaken) CurrentUndoHook().RunFinished(added, removed);
   if (wizard.processed == 0) {
     wizard.resultText = "No items were modified";
   } else {

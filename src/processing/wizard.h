@@ -154,9 +154,10 @@ class UndoHook {
   virtual bool TakeState(std::string_view label, const std::vector<Item*>& items, AlgorithmFamily family) {
     return false;
   }
-  // After the run: `treeChanged` says that items were added or removed (a split, a wave deleted as
-  // silent), which an entry of the selected items alone cannot undo.
-  virtual void RunFinished(bool treeChanged) {}
+  // After the run: the items it added (the pieces of a split, the right half of a mono split) and
+  // the ids of those it removed (a wave deleted as all silence), which an entry of the selected
+  // items alone cannot undo.
+  virtual void RunFinished(const std::vector<Item*>& added, const std::vector<uint32_t>& removedIds) {}
   // Undoes the state taken last (a run that was cancelled after its state was taken).
   virtual void Rollback() {}
 };

@@ -117,5 +117,34 @@ TEST_F(LoopsAndMarkers, SilenceRemovedFromTheEnds) {
   ExpectSameAudio(before, points, *wave, 2, "Remove silent sections");
 }
 
+TEST_F(LoopsAndMarkers, SplitSectionsKeepTheirPointsOnTheirAudio) {
+  Collection collection;
+  Waveform* wave = LoadCorpusWave(collection, "audio/real/send.wav");
+  ASSERT_NE(wave, nullptr);
+  const uint32_t n = wave->length;
+  wave->markers = {{1, n / 10, n / 3, "intro", NextMarkerId()},
+                   {1, n / 2, n / 2 + n / 4, "hook", NextMarkerId()},
+                   {0, n / 2 + n / 8, 0, "accent", NextMarkerId()}};
+  wave->loop = {1, 0, float(n / 2 + n / 16), float(n / 2 + n / 5), 0.0f};
+  const std::vector<float> before = Samples(*wave);
+  ProcessingWizard wizard;
+  InitWizard(wizard, collection, {wave});
+  ASSERT_TRUE(RunWizard(wizard, "Split sections/slices into separate waves", true));
+  ASSERT_EQ(collection.CountOf(ItemType::Waveform), 2u);
+  Waveform* hook = nullptr;
+  for (Waveform* piece : collection.All<Waveform>())
+    if (piece->GetName() == "hook") hook = piece;
+  ASSERT_NE(hook, nullptr);
+  ASSERT_EQ(hook->length, n / 4);
+  const std::vector<float> piece = Samples(*hook);
+  // The piece is the section's audio; the accent and the loop stand on the same frames as before.
+  for (uint32_t i = 0; i < hook->length * 2; ++i) ASSERT_EQ(piece[i], before[size_t(n / 2) * 2 + i]);
+  ASSERT_EQ(hook->markers.size(), 2u);
+  EXPECT_EQ(hook->markers[1].name, "accent");
+  EXPECT_EQ(hook->markers[1].start, n / 8);
+  EXPECT_EQ(hook->loop.type, 1);
+  EXPECT_EQ(hook->loop.start, float(n / 16));
+}
+
 }  // namespace
 }  // namespace orlin::test

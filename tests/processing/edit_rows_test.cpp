@@ -100,6 +100,15 @@ TEST_F(EditRows, SignPhaseAndOffset) {
   EXPECT_NEAR(Samples(*offset)[0], 0.1f, 1e-6);
 }
 
+TEST_F(EditRows, SplitOfOnePieceModifiesNothing) {
+  Waveform* loud = MakeWave(collection, std::vector<float>(4000, 0.8f), 1, 8000, "pad");
+  EXPECT_FALSE(Run("Split waveform at silent sections", {loud}));
+  EXPECT_EQ(wizard.resultText, "No items were modified");
+  EXPECT_TRUE(wizard.failures.empty());
+  EXPECT_EQ(collection.CountOf(ItemType::Waveform), 1u);
+  EXPECT_EQ(loud->GetName(), "pad");
+}
+
 TEST_F(EditRows, VolumeTargetsAndNames) {
   Waveform* wave = MakeWave(collection, {0.5f, -0.5f}, 1, 44100, "Kick");
   wave->bits = 24;

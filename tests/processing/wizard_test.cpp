@@ -17,9 +17,11 @@ class RecordingUndo : public UndoHook {
     itemCounts.push_back(items.size());
     return true;
   }
-  void RunFinished(bool treeChanged) override { finished.push_back(treeChanged); }
+  void RunFinished(const std::vector<Item*>& added, const std::vector<uint32_t>& removedIds) override {
+    finished.push_back(added.size() * 100 + removedIds.size());
+  }
   void Rollback() override { ++rollbacks; }
-  std::vector<bool> finished;
+  std::vector<size_t> finished;
   std::vector<std::string> labels;
   std::vector<size_t> itemCounts;
   int rollbacks = 0;
@@ -117,7 +119,7 @@ TEST_F(WizardTest, RunReportsUndoAndUnknownNames) {
   EXPECT_EQ(undo.labels, std::vector<std::string>{"Maximize amplitude"});
   EXPECT_EQ(undo.itemCounts, std::vector<size_t>{3});
   EXPECT_TRUE(wizard.undoTaken);
-  EXPECT_EQ(undo.finished, std::vector<bool>{false});
+  EXPECT_EQ(undo.finished, std::vector<size_t>{0});
   CancelWizard(wizard);
   EXPECT_EQ(undo.rollbacks, 1);
 
@@ -131,12 +133,41 @@ TEST_F(WizardTest, RunReportsUndoAndUnknownNames) {
   RunWizard(wizard, "Remove DC offset", true);
   EXPECT_EQ(undo.labels.size(), 2u);
 
+  // A mono split adds one wave; a wave found all silent and deleted is removed: the hook hears both.
+  Waveform* stereo = MakeWave(collection, {0.1f, 0.2f, 0.3f, 0.4f}, 2, 44100, "pair");
+  Waveform* silent = MakeWave(collection, std::vector<float>(10, 0.0f), 1, 44100, "hush");
+  ASSERT_TRUE(SetSettingValue(ToMonoSettingList()[0], "Split into two mono waveforms"));
+  InitWizard(wizard, collection, {stereo});
+  EXPECT_TRUE(RunWizard(wizard, "Convert to mono", true));
+  EXPECT_TRUE(wizard.treeChanged);
+  ASSERT_TRUE(SetSettingValue(RemoveSilenceSettingList()[10], "on"));
+  InitWizard(wizard, collection, {silent});
+  EXPECT_TRUE(RunWizard(wizard, "Remove silent sections", true));
+  EXPECT_EQ(undo.finished, (std::vector<size_t>{0, 0, 100, 1}));
+  EXPECT_EQ(wizard.resultText, "Processed 1 item using Remove silent sections");
+
   // An unknown name opens the list, clears direct and runs nothing.
   InitWizard(wizard, collection, {a});
   EXPECT_FALSE(RunWizard(wizard, "Maximise amplitude", true));
   EXPECT_FALSE(wizard.direct);
   EXPECT_TRUE(wizard.listShown);
   EXPECT_EQ(wizard.processed, 0u);
+
+  // A wave that cannot be decoded keeps the frame from opening; nothing runs, no state is taken.
+  Waveform* broken = new Waveform(&collection);
+  broken->SetName("broken");
+  broken->length = 10;
+  broken->decoder = [](Waveform*, FileObject*) {
+    SetLastError("Reading from file failed");
+    return false;
+  };
+  broken->SetText(kTextSourceFile, "<memory>");
+  InitWizard(wizard, collection, {a, broken});
+  const size_t statesBefore = undo.labels.size();
+  EXPECT_FALSE(RunWizard(wizard, "Maximize amplitude", true));
+  EXPECT_TRUE(wizard.cancelled);
+  EXPECT_EQ(wizard.failures, std::vector<std::string>{"broken: Reading from file failed"});
+  EXPECT_EQ(undo.labels.size(), statesBefore);
 
   // No items: false at once.
   InitWizard(wizard, collection, {});
