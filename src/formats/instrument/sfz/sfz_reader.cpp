@@ -27,7 +27,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr int kDrumChannel = 10;
+[[maybe_unused]] constexpr int kDrumChannel = 10;
 
 constexpr float kLargestValue = 1e9f;  // hostile numbers are cut here before any conversion
 constexpr int kMaxRegions = 200000;
