@@ -57,7 +57,6 @@ constexpr ParamId kVEnv = kParamFirstEnvelope, kPEnv = kVEnv + kEnvelopeRows, kF
 constexpr ParamId kPLfo = 65, kVLfo = 69, kFLfo = 73, kXLfo = 77;  // shape, frequency, delay, ramp
 constexpr ParamId kCutoff = 24, kResonance = 35, kFEnvToCutoff = 33, kFEnvVelToCutoff = 34;
 constexpr ParamId kPan = 51;
-constexpr float kResonanceFloorDb = 3.01f;     // a resonance the filter takes as flat
 constexpr int16_t kDefaultEffectDepth = 200;  // the CC91 and CC93 default modulators' amount
 constexpr float kSustainPerCentibel = 0.0010416667f;  // 1/960: 96 dB over the level range
 
@@ -251,12 +250,12 @@ void ZoneToArticulation(const ZoneGenerators& g, const ZoneModulators& m, Articu
   if (cutoff >= 19900.0f && art.Get(kFEnvToCutoff) <= 0.0f) {
     // An open filter with nothing sweeping it down: no filter at all. Players still run it near the
     // top of the band and take its resonance's gain compensation off the level (FluidSynth: half the
-    // peak less 3 dB), so that much stays in the volume.
+    // peak, measured on FluidR3_GM's Fiddle and Steel Drums), so that much stays in the volume.
     for (ParamId id = kParamFilterType; id <= 38; ++id) {
       art.Set(id, DefaultArticulation().Get(id));
       art.ClearSet(id);
     }
-    volume -= std::max(0.0f, gen(9) * 0.1f - kResonanceFloorDb) * 0.5f;
+    volume -= gen(9) * 0.1f * 0.5f;
   } else {
     art.Set(kParamFilterType, 2.0f);  // low-pass 12 dB/oct
     const float velocityToCutoff = mod(49) * -0.01f;
