@@ -3,10 +3,16 @@
 // in the kernel, with copy_file_range). The bank is FluidR3_GM from Debian's fluid-soundfont-gm, or
 // TimGM6mb where that is missing.
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <spawn.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "core/collection.h"
 #include "core/file_object.h"
@@ -81,6 +87,65 @@ void BM_OpenAndSaveSoundFont(benchmark::State& state) {
   std::filesystem::remove(out);
 }
 BENCHMARK(BM_OpenAndSaveSoundFont)->Unit(benchmark::kMillisecond);
+
+// Opening the bank in a process of its own, `orlin info` against libgig's sf2dump in the same run:
+// wall time, the child's CPU time and its peak memory, both reading the whole bank's tables and
+// printing them. The peak comes from /usr/bin/time, which starts the program from a small process of
+// its own: a child of this one would count the benchmark's memory too (Linux keeps the high-water
+// mark across exec).
+void RunProcess(benchmark::State& state, const std::vector<std::string>& command) {
+  const std::string peakFile = "/tmp/orlin_soundfont_bench_peak.txt";
+  std::vector<std::string> args = {"/usr/bin/time", "-f", "%M", "-o", peakFile};
+  args.insert(args.end(), command.begin(), command.end());
+  std::vector<char*> argv;
+  for (std::string& arg : args) argv.push_back(arg.data());
+  argv.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+  double peakMiB = 0.0, cpuSeconds = 0.0;
+  int runs = 0;
+  for (auto _ : state) {
+    pid_t pid = 0;
+    if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) {
+      state.SkipWithError("cannot start the program");
+      break;
+    }
+    int status = 0;
+    rusage usage{};
+    wait4(pid, &status, 0, &usage);
+    cpuSeconds += double(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+                  double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) * 1e-6;
+    ++runs;
+    std::string peak;
+    if (orlin::ReadWholeFile(peakFile, peak)) peakMiB = std::max(peakMiB, std::atof(peak.c_str()) / 1024.0);
+  }
+  posix_spawn_file_actions_destroy(&actions);
+  std::filesystem::remove(peakFile);
+  state.counters["peak_MiB"] = peakMiB;
+  state.counters["cpu_ms"] = runs ? cpuSeconds * 1000.0 / runs : 0.0;
+}
+
+void BM_OrlinInfoProcess(benchmark::State& state) {
+  const std::string path = BankPath();
+  if (path.empty()) return state.SkipWithError("no bank installed");
+  // The benchmarks live in <build>/benchmarks, the command line program in <build>.
+  const std::filesystem::path cli = std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path() / "orlin";
+  if (!std::filesystem::exists(cli)) return state.SkipWithError("orlin not built beside the benchmarks");
+  if (!std::filesystem::exists("/usr/bin/time")) return state.SkipWithError("/usr/bin/time is not installed");
+  RunProcess(state, {cli.string(), "info", path});
+}
+BENCHMARK(BM_OrlinInfoProcess)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void BM_Sf2dumpProcess(benchmark::State& state) {
+  const std::string path = BankPath();
+  if (path.empty()) return state.SkipWithError("no bank installed");
+  if (!std::filesystem::exists("/usr/bin/sf2dump")) return state.SkipWithError("gigtools' sf2dump is not installed");
+  if (!std::filesystem::exists("/usr/bin/time")) return state.SkipWithError("/usr/bin/time is not installed");
+  RunProcess(state, {"/usr/bin/sf2dump", path});
+}
+BENCHMARK(BM_Sf2dumpProcess)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 void BM_CopySoundFont(benchmark::State& state) {
   const std::string path = BankPath();

@@ -958,6 +958,12 @@ void Collection::LinkAtEnd(Item* item) {
   if (lastInOrder_) lastInOrder_->nextInOrder_ = item;
   else firstInOrder_ = item;
   lastInOrder_ = item;
+  const uint32_t type = uint32_t(item->Type());
+  item->previousOfType_ = lastOfType_[type];
+  item->nextOfType_ = nullptr;
+  if (lastOfType_[type]) lastOfType_[type]->nextOfType_ = item;
+  else firstOfType_[type] = item;
+  lastOfType_[type] = item;
 }
 
 void Collection::Unlink(Item* item) {
@@ -966,6 +972,12 @@ void Collection::Unlink(Item* item) {
   if (item->nextInOrder_) item->nextInOrder_->previousInOrder_ = item->previousInOrder_;
   else if (lastInOrder_ == item) lastInOrder_ = item->previousInOrder_;
   item->previousInOrder_ = item->nextInOrder_ = nullptr;
+  const uint32_t type = uint32_t(item->Type());
+  if (item->previousOfType_) item->previousOfType_->nextOfType_ = item->nextOfType_;
+  else if (firstOfType_[type] == item) firstOfType_[type] = item->nextOfType_;
+  if (item->nextOfType_) item->nextOfType_->previousOfType_ = item->previousOfType_;
+  else if (lastOfType_[type] == item) lastOfType_[type] = item->previousOfType_;
+  item->previousOfType_ = item->nextOfType_ = nullptr;
 }
 
 uint32_t Collection::NextFreeIndex(ItemType type) {

@@ -108,6 +108,9 @@ class Item {
   friend class Collection;
   Item* previousInOrder_ = nullptr;
   Item* nextInOrder_ = nullptr;
+  // The same order among the items of one type: walking one type never visits the others.
+  Item* previousOfType_ = nullptr;
+  Item* nextOfType_ = nullptr;
 };
 
 // An item with the seven text fields and an image.
@@ -392,31 +395,23 @@ class Collection : public TextItem {
    public:
     class Iterator {
      public:
-      Iterator(Item* at, Item* next) : at_(at), next_(next) { Settle(); }
+      // The item after the current one is taken now, so the current one may be deleted.
+      explicit Iterator(Item* at) : at_(at), next_(at ? at->nextOfType_ : nullptr) {}
       T* operator*() const { return static_cast<T*>(at_); }
       Iterator& operator++() {
         at_ = next_;
-        next_ = at_ ? at_->nextInOrder_ : nullptr;
-        Settle();
+        next_ = at_ ? at_->nextOfType_ : nullptr;
         return *this;
       }
       bool operator!=(const Iterator& other) const { return at_ != other.at_; }
 
      private:
-      void Settle() {
-        while (at_ && at_->Type() != T::kType) {
-          at_ = next_;
-          next_ = at_ ? at_->nextInOrder_ : nullptr;
-        }
-        // The item after the current one is taken now, so the current one may be deleted.
-        next_ = at_ ? at_->nextInOrder_ : nullptr;
-      }
       Item* at_;
       Item* next_;
     };
     explicit View(Item* first) : first_(first) {}
-    Iterator begin() const { return Iterator(first_, first_ ? first_->nextInOrder_ : nullptr); }
-    Iterator end() const { return Iterator(nullptr, nullptr); }
+    Iterator begin() const { return Iterator(first_); }
+    Iterator end() const { return Iterator(nullptr); }
     // A snapshot as a vector: for loops that delete or create items of the same type.
     std::vector<T*> ToVector() const {
       std::vector<T*> out;
@@ -428,7 +423,7 @@ class Collection : public TextItem {
     Item* first_;
   };
   template <typename T>
-  View<T> All() const { return View<T>(firstInOrder_); }
+  View<T> All() const { return View<T>(firstOfType_[uint32_t(T::kType)]); }
   // Every item in insertion order.
   std::vector<Item*> AllItems() const;
 
@@ -458,6 +453,10 @@ class Collection : public TextItem {
   std::unordered_map<uint32_t, Item*> items_;
   Item* firstInOrder_ = nullptr;
   Item* lastInOrder_ = nullptr;
+  // One list per type beside the whole order, so that the fix-ups' walks of one type cost what that
+  // type holds, not what the collection holds.
+  std::array<Item*, kItemTypeCount> firstOfType_{};
+  std::array<Item*, kItemTypeCount> lastOfType_{};
   std::array<uint32_t, kItemTypeCount> typeCounts_{};
   bool clearing_ = false;
 };

@@ -43,7 +43,7 @@ TEST(ParamTable, SpotCheckedRows) {
       {51, "Pan position", "-100% = full left | 0% = centered | +100% = full right", 6, "%", 0, -1, 1, 2740, 0},
       {63, "Send channel 3 level", nullptr, 6, "%", 0, 0, 1, 2813, 0},
       {64, "CC94 to Send channel 3 level", nullptr, 6, "%", 1, 0, 1, 2829, 0},
-      {66, "P-LFO Frequency", nullptr, 5, "Hz", 5, 0.01f, 20, 2581, 0},
+      {66, "P-LFO Frequency", nullptr, 5, "Hz", 5, 0.01f, 110, 2581, 0},
       {71, "V-LFO Delay Time", nullptr, 5, "s", 0, 0, 10, 2586, 0},
       {77, "F-LFO Wave Shape", nullptr, 16, "", 0, 0, 255, 2585, 0x04},
       {83, "V-ENV Velocity to Attack 1 Time", "Time-quotient max/min velocity", 5, "x", 1, 0.015625f, 64, 4020, 0x08},

@@ -6,10 +6,14 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <sstream>
+#include <string>
+#include <vector>
 
 #include "core/collection.h"
 #include "core/last_error.h"
 #include "core/pipeline.h"
+#include "core/save_choice.h"
 #include "core/user_interface.h"
 #include "formats/audio/wav.h"
 #include "formats/instrument/sfz/sfz.h"
@@ -480,6 +484,185 @@ TEST(Sfz, OutsideReaderAcceptsOurOutput) {
                                       out.string() + "' -o converted >/dev/null 2>&1");
   if (status != 0 || !fs::exists(out / "converted.sf2")) GTEST_SKIP() << "polyphone could not run here";
   EXPECT_GT(fs::file_size(out / "converted.sf2"), 2000u * 2);
+}
+
+}  // namespace
+}  // namespace orlin
+
+namespace orlin {
+namespace {
+
+// --- the SFZ text against the bank's own generators ---------------------------------------------------
+
+// One instrument zone as libgig's sf2dump prints it.
+struct DumpedZone {
+  std::string sample;
+  int loKey = 0, hiKey = 127, loVel = 0, hiVel = 127;
+  int fineTune = 0, rootOverride = -1, cutoffCents = 13500;
+  double hold = 0, decay = 0, sustainDb = 0, release = 0;
+};
+struct DumpedBank {
+  std::map<std::string, int> samplePitch, sampleCorrection;
+  std::map<std::string, std::vector<DumpedZone>> instruments;
+  std::map<std::string, std::vector<std::string>> presetInstruments;
+};
+
+double NumberAfter(const std::string& line, const std::string& key) {
+  const size_t at = line.find(key);
+  return at == std::string::npos ? 0.0 : std::atof(line.c_str() + at + key.size());
+}
+void RangeAfter(const std::string& line, const std::string& key, int& lo, int& hi) {
+  const size_t at = line.find(key);
+  if (at == std::string::npos || line.compare(at + key.size(), 4, "None") == 0) return;
+  lo = std::atoi(line.c_str() + at + key.size());
+  hi = std::atoi(line.c_str() + line.find('-', at + key.size()) + 1);
+}
+
+DumpedBank DumpBank(const std::string& path) {
+  std::string text;
+  test::RunCommand("sf2dump '" + path + "' 2>/dev/null", &text);
+  DumpedBank bank;
+  std::istringstream lines(text);
+  std::string section, current, pendingSample;
+  DumpedZone* zone = nullptr;
+  for (std::string line; std::getline(lines, line);) {
+    if (line.rfind("Samples", 0) == 0 || line.rfind("Instruments", 0) == 0 || line.rfind("Presets", 0) == 0) {
+      section = line.substr(0, line.find(' '));
+      continue;
+    }
+    const std::string trimmed = line.substr(std::min(line.find_first_not_of("\t "), line.size()));
+    if (section == "Samples" && line.find(" (Depth:") != std::string::npos) {
+      pendingSample = trimmed.substr(0, trimmed.find(" (Depth:"));
+      bank.samplePitch[pendingSample] = int(NumberAfter(line, "Pitch: "));
+      // sf2dump prints the signed correction byte unsigned.
+      const int correction = int(NumberAfter(line, "Pitch Correction: "));
+      bank.sampleCorrection[pendingSample] = correction > 127 ? correction - 256 : correction;
+    } else if ((section == "Instruments" || section == "Presets") && line.size() > 1 && line[0] == '\t' &&
+               line[1] != '\t' && line[1] != ' ') {
+      current = trimmed.substr(0, trimmed.rfind(" ("));
+      zone = nullptr;
+    } else if (section == "Instruments" && trimmed.rfind("Region ", 0) == 0) {
+      bank.instruments[current].emplace_back();
+      zone = &bank.instruments[current].back();
+    } else if (section == "Instruments" && trimmed.rfind("Global Region", 0) == 0) {
+      zone = nullptr;
+    } else if (section == "Presets" && trimmed.rfind("Instrument: ", 0) == 0) {
+      bank.presetInstruments[current].push_back(trimmed.substr(12));
+    } else if (zone && trimmed.rfind("Sample: ", 0) == 0) {
+      zone->sample = trimmed.substr(8, trimmed.find(',') - 8);
+      zone->fineTune = int(NumberAfter(line, "Fine Tune: "));
+      if (line.find("Overriding Root Key: ") != std::string::npos)
+        zone->rootOverride = int(NumberAfter(line, "Overriding Root Key: "));
+    } else if (zone && trimmed.rfind("Key range=", 0) == 0) {
+      RangeAfter(line, "Key range=", zone->loKey, zone->hiKey);
+      RangeAfter(line, "Velocity range=", zone->loVel, zone->hiVel);
+    } else if (zone && trimmed.rfind("Initial cutoff frequency=", 0) == 0) {
+      zone->cutoffCents = int(NumberAfter(line, "frequency="));
+    } else if (zone && trimmed.rfind("EG1PreAttackDelay", 0) == 0) {
+      zone->hold = NumberAfter(line, "EG1Hold=");
+      zone->decay = NumberAfter(line, "EG1Decay=");
+      zone->sustainDb = NumberAfter(line, "EG1Sustain=");
+      zone->release = NumberAfter(line, "EG1Release=");
+    }
+  }
+  return bank;
+}
+
+// The regions of our SFZ files, opcodes of <global> and <group> folded in, by instrument name.
+std::map<std::string, std::vector<std::map<std::string, std::string>>> SfzRegions(const fs::path& folder) {
+  std::map<std::string, std::vector<std::map<std::string, std::string>>> out;
+  for (const auto& entry : fs::directory_iterator(folder)) {
+    if (entry.path().extension() != ".sfz") continue;
+    std::ifstream in(entry.path());
+    std::string first;
+    std::getline(in, first);
+    const std::string name = first.substr(std::min(first.find_first_not_of('/'), first.size()) + 1);
+    std::map<std::string, std::string> global, group, *level = &global;
+    auto& regions = out[name];
+    for (std::string line; std::getline(in, line);) {
+      if (line == "<global>") level = &global;
+      if (line == "<group>") {
+        group = global;
+        level = &group;
+      }
+      if (line == "<region>") {
+        regions.push_back(group.empty() ? global : group);
+        level = &regions.back();
+      }
+      const size_t equals = line.find('=');
+      if (line.rfind(" ", 0) == 0 && equals != std::string::npos) (*level)[line.substr(1, equals - 1)] = line.substr(equals + 1);
+    }
+  }
+  return out;
+}
+
+// Each region of TimGM6mb written as SFZ, read as the opcode definitions say, against the zone of
+// the bank that sf2dump prints: pitch within 1 cent (tune holds the sample's correction), sustain as
+// amplitude within 0.1 dB of the whole decibel sf2dump prints, cutoff within 1 cent or the 10 Hz grid the SoundFont reading tidies to above
+// 1 kHz, hold and release within 1 %. Zones whose presets add offsets of their own, which sf2dump does
+// not sum, and key-scaled decays are not compared here: a handful of regions may differ, not more.
+TEST(Sfz, TextMeansWhatTheSoundFontGeneratorsSay) {
+  ORLIN_REQUIRE_TESTDATA();
+  ORLIN_REQUIRE_TOOL("sf2dump");
+  const std::string bankPath = (test::TestDataDir() / "soundfont/TimGM6mb.sf2").string();
+  test::ScratchDir dir;
+  test::ScriptedUserInterface ui;
+  test::ScopedUserInterface scoped(ui);
+  Collection bank;
+  ASSERT_TRUE(LoadFile(bank, bankPath, false)) << LastError();
+  ASSERT_TRUE(SaveItem(&bank, kWriteRows[0], dir.File("bank.sfz"), DefaultSaveOptions(kWriteRows[0]))) << LastError();
+  const DumpedBank dumped = DumpBank(bankPath);
+  ASSERT_GT(dumped.instruments.size(), 100u);
+  const auto written = SfzRegions(dir.Path());
+  int compared = 0, pitchOff = 0, sustainOff = 0, cutoffOff = 0, timeOff = 0;
+  std::string report;
+  for (const auto& [preset, instruments] : dumped.presetInstruments) {
+    auto regions = written.find(preset);
+    if (regions == written.end() || instruments.size() != 1) continue;
+    for (const DumpedZone& zone : dumped.instruments.at(instruments[0])) {
+      const std::map<std::string, std::string>* region = nullptr;
+      for (const auto& candidate : regions->second) {
+        auto get = [&](const char* key, int fallback) {
+          auto at = candidate.find(key);
+          return at == candidate.end() ? fallback : std::atoi(at->second.c_str());
+        };
+        if (candidate.count("sample") && candidate.at("sample") == zone.sample + ".wav" && get("lokey", 0) == zone.loKey &&
+            get("hikey", 127) == zone.hiKey && get("lovel", 0) == zone.loVel && get("hivel", 127) == zone.hiVel)
+          region = &candidate;
+      }
+      if (!region) continue;
+      ++compared;
+      auto value = [&](const char* key, double fallback) {
+        auto at = region->find(key);
+        return at == region->end() ? fallback : std::atof(at->second.c_str());
+      };
+      const std::string where = preset + " / " + zone.sample + ": ";
+      // Pitch: the key center and the cents must place the sample where the bank does.
+      const int root = zone.rootOverride >= 0 ? zone.rootOverride : dumped.samplePitch.at(zone.sample);
+      const double bankCents = root * 100.0 - zone.fineTune - dumped.sampleCorrection.at(zone.sample);
+      const double sfzCents = value("pitch_keycenter", 60) * 100.0 - value("transpose", 0) * 100.0 - value("tune", 0);
+      if (std::fabs(bankCents - sfzCents) > 1.0) ++pitchOff, report += where + "pitch\n";
+      // Sustain: percent of amplitude; 96 dB and below is silence.
+      const double sustainDb = value("ampeg_sustain", 100) > 0 ? -20.0 * std::log10(value("ampeg_sustain", 100) / 100.0) : 96.0;
+      // sf2dump prints whole decibels, cut toward zero.
+      if (std::fabs(std::min(sustainDb, 96.0) - std::min(zone.sustainDb + 0.5, 96.0)) > 0.5 + 0.1)
+        ++sustainOff, report += where + "sustain\n";
+      // Cutoff: an open filter writes none.
+      if (zone.cutoffCents < 13500) {
+        const double hz = 8.176 * std::pow(2.0, zone.cutoffCents / 1200.0);
+        const double cents = 1200.0 * std::log2(value("cutoff", 1e9) / hz);
+        if (std::fabs(cents) > 1.0 && std::fabs(value("cutoff", 1e9) - hz) > 5.01) ++cutoffOff, report += where + "cutoff\n";
+      }
+      auto timeDiffers = [&](const char* key, double seconds) {
+        const double wanted = seconds <= 0.001 ? 0.0 : seconds;
+        return std::fabs(value(key, 0) - wanted) > 0.01 * wanted + 0.001;
+      };
+      if (timeDiffers("ampeg_hold", zone.hold) || timeDiffers("ampeg_release", zone.release))
+        ++timeOff, report += where + "hold or release\n";
+    }
+  }
+  EXPECT_GT(compared, 500) << "regions matched to the dump";
+  for (int off : {pitchOff, sustainOff, cutoffOff, timeOff}) EXPECT_LE(off * 100, compared * 2) << report;
 }
 
 }  // namespace

@@ -443,8 +443,10 @@ TEST(SoundFontZones, DetectorsScoreTheVersionWord) {
 
 // Renders both banks through FluidSynth; returns the names of presets that do not match
 // (correlation under 0.99 or level apart by more than 1 dB), or "?" when the tool failed to run.
-std::vector<std::string> FidelityFailures(const std::string& original, const std::string& converted, std::string& out) {
-  test::RunCommand("/usr/bin/python3 /work/shared/tools/bank-fidelity '" + original + "' '" + converted + "' 2>&1",
+std::vector<std::string> FidelityFailures(const std::string& original, const std::string& converted, std::string& out,
+                                          const std::string& options = "") {
+  test::RunCommand("/usr/bin/python3 /work/shared/tools/bank-fidelity '" + original + "' '" + converted + "' " + options +
+                       " 2>&1",
                    &out);
   if (out.find("presets match") == std::string::npos) return {"?"};
   std::vector<std::string> failures;
@@ -471,23 +473,17 @@ TEST(SoundFontWrite, SavedBanksRenderLikeTheOriginals) {
   const int32_t row = FindWriteRow("sf2", kMaskCollection);
   ASSERT_GE(row, 0);
   const auto dir = test::TestDataDir() / "soundfont";
-  // Known exceptions, each where the reading rules give the model something else than FluidSynth
-  // plays. A filter open at 19.9 kHz or more is read as no filter, so its resonance goes, which
-  // FluidSynth still takes off the level (TimGM6mb's Breath Noise; FluidR3_GM's Taisho Koto, Bright
-  // Yamaha Grand, Fiddle, Steel Drums, Burst Noise). The members of a linked stereo pair are read
-  // panned hard, where these presets pan them nearer the centre (FluidR3_GM's Melo Tom 2, Synth
-  // Brass 4, Church Bell, Chiffer Lead, Atmosphere, Star Theme, Crystal, Goblin, Melodic Tom, Sweep
-  // Pad). Tinker Bell is tuned 62 semitones down where the model holds 48, and Burst Noise runs its
-  // LFO at 23 Hz where the model holds 20. Uplift's FMAIRVOX lands at 0.986.
+  // Known exceptions, where the model holds something else than FluidSynth plays: Burst Noise's
+  // modulation LFO drives pitch, filter and volume at rates the one model LFO per destination cannot
+  // all keep; Church Bell and Coupled Harpsichord (bank 8) layer detuned copies whose phases drift
+  // apart differently after the save (their levels match within 0.1 dB). Uplift's FMAIRVOX lands at
+  // 0.986.
   std::vector<std::pair<std::string, std::vector<std::string>>> banks = {
-      {(dir / "TimGM6mb.sf2").string(), {"Breath Noise"}},
+      {(dir / "TimGM6mb.sf2").string(), {}},
       {(dir / "sbk/Uplift.sf2").string(), {"FMAIRVOX"}},
   };
   if (std::filesystem::exists("/usr/share/sounds/sf2/FluidR3_GM.sf2"))
-    banks.push_back({"/usr/share/sounds/sf2/FluidR3_GM.sf2",
-                     {"Melo Tom 2", "Synth Brass 4", "Church Bell", "Chiffer Lead", "Atmosphere", "Star Theme",
-                      "Crystal", "Goblin", "Melodic Tom", "Sweep Pad", "Taisho Koto", "Bright Yamaha Grand", "Fiddle",
-                      "Steel Drums", "Burst Noise", "Tinker Bell"}});
+    banks.push_back({"/usr/share/sounds/sf2/FluidR3_GM.sf2", {"Burst Noise", "Church Bell", "Coupled Harpsichord"}});
   for (const auto& [original, exceptions] : banks) {
     SCOPED_TRACE(original);
     ScratchDir scratch;
@@ -496,7 +492,10 @@ TEST(SoundFontWrite, SavedBanksRenderLikeTheOriginals) {
     const std::string saved = scratch.File("saved.sf2");
     ASSERT_TRUE(SaveItem(&collection, row, saved, DefaultSaveOptions(row))) << LastError();
     std::string out;
-    for (const std::string& failure : FidelityFailures(original, saved, out))
+    // FluidR3_GM is most of the test's time: it plays three keys instead of five (the test still takes
+    // about a minute, the price of hearing every preset of three whole banks after a save).
+    const std::string options = original.find("FluidR3") != std::string::npos ? "--keys 36,60,84" : "";
+    for (const std::string& failure : FidelityFailures(original, saved, out, options))
       EXPECT_NE(std::find(exceptions.begin(), exceptions.end(), failure), exceptions.end()) << failure << "\n" << out;
     // sf2dump reads what we wrote, and the counts survive our own reader.
     const DumpCounts counts = DumpOf(saved);

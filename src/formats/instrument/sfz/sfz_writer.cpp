@@ -82,12 +82,13 @@ struct PitchLfoView {
   }
 };
 PitchLfoView PitchLfoOf(const Articulation& art) {
-  const bool ownSilent = art.Get(3) == 0.0f && art.Get(4) == 0.0f && art.Get(5) == 0.0f;
-  const bool modulation = art.Get(7) != 0.0f || art.Get(8) != 0.0f || art.Get(9) != 0.0f;
+  // The wheel and pressure depths (a SoundFont's default 50 cents) ride whichever LFO is written.
+  const bool ownSilent = art.Get(3) == 0.0f && art.Get(6) == 0.0f;
+  const bool modulation = art.Get(7) != 0.0f || art.Get(10) != 0.0f;
   const ParamId rows = ownSilent && modulation ? 77 : 65;
   const ParamId depth = ownSilent && modulation ? 7 : 3;
   return {art.Get(rows + 1), art.Get(rows + 2), art.Get(rows + 3),
-          art.Get(depth) * 100.0, art.Get(depth + 1) * 100.0, art.Get(depth + 2) * 100.0};
+          art.Get(depth) * 100.0, art.Get(4) * 100.0, art.Get(5) * 100.0};
 }
 
 // One level's opcodes: ids set at `art` whose value differs from `parent`'s effective value.

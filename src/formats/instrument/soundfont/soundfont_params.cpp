@@ -248,11 +248,14 @@ void ZoneToArticulation(const ZoneGenerators& g, const ZoneModulators& m, Articu
   float cutoff = float(AbsoluteCentsToHz(gen(8)));
   SetEnvelopeDepth(art, kFEnvToCutoff, kFEnvVelToCutoff, gen(11), mod(58), mod(57));
   if (cutoff >= 19900.0f && art.Get(kFEnvToCutoff) <= 0.0f) {
-    // An open filter with nothing sweeping it down: no filter at all.
+    // An open filter with nothing sweeping it down: no filter at all. Players still run it near the
+    // top of the band and take its resonance's gain compensation off the level (FluidSynth: half the
+    // peak, measured on FluidR3_GM's Fiddle and Steel Drums), so that much stays in the volume.
     for (ParamId id = kParamFilterType; id <= 38; ++id) {
       art.Set(id, DefaultArticulation().Get(id));
       art.ClearSet(id);
     }
+    volume -= gen(9) * 0.1f * 0.5f;
   } else {
     art.Set(kParamFilterType, 2.0f);  // low-pass 12 dB/oct
     const float velocityToCutoff = mod(49) * -0.01f;
