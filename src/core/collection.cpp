@@ -1061,6 +1061,22 @@ void Collection::PlaceBefore(Item* item, uint32_t beforeId) {
   if (before->previousInOrder_) before->previousInOrder_->nextInOrder_ = item;
   else firstInOrder_ = item;
   before->previousInOrder_ = item;
+  // The list of the item's type keeps the same order: it goes before the next item of its type.
+  const uint32_t type = uint32_t(item->Type());
+  Item* nextOfType = before;
+  while (nextOfType && nextOfType->Type() != item->Type()) nextOfType = nextOfType->nextInOrder_;
+  if (!nextOfType) {
+    item->previousOfType_ = lastOfType_[type];
+    if (lastOfType_[type]) lastOfType_[type]->nextOfType_ = item;
+    else firstOfType_[type] = item;
+    lastOfType_[type] = item;
+    return;
+  }
+  item->nextOfType_ = nextOfType;
+  item->previousOfType_ = nextOfType->previousOfType_;
+  if (nextOfType->previousOfType_) nextOfType->previousOfType_->nextOfType_ = item;
+  else firstOfType_[type] = item;
+  nextOfType->previousOfType_ = item;
 }
 
 std::vector<Item*> Collection::AllItems() const {

@@ -391,6 +391,17 @@ TEST_F(DataFolderTest, UndoRedoUndoOfADeleteKeepsIds) {
   for (const Item* item : bank.collection.AllItems()) after.push_back(item->id);
   EXPECT_EQ(after, ids);  // same ids, same order
   EXPECT_EQ(Snapshot(bank.collection), before);
+  // The walks of one type see the restored items too, in the same order as the whole walk.
+  std::vector<uint32_t> byType;
+  for (const Item* item : bank.collection.All<Instrument>()) byType.push_back(item->id);
+  for (const Item* item : bank.collection.All<Layer>()) byType.push_back(item->id);
+  for (const Item* item : bank.collection.All<Region>()) byType.push_back(item->id);
+  std::vector<uint32_t> expected;
+  for (const ItemType type : {ItemType::Instrument, ItemType::Layer, ItemType::Region})
+    for (const Item* item : bank.collection.AllItems())
+      if (item->Type() == type) expected.push_back(item->id);
+  EXPECT_EQ(byType, expected);
+  EXPECT_EQ(bank.collection.All<Region>().ToVector().size(), bank.collection.CountOf(ItemType::Region));
 }
 
 TEST_F(DataFolderTest, ANewEditFreesRedoAndStateFilesOfFreedEntries) {
