@@ -164,3 +164,41 @@ TEST(FoundFaults, TwoHourRecordingConvertsToWaveInBoundedMemory) {
 
 }  // namespace
 }  // namespace orlin
+
+namespace orlin {
+namespace {
+
+// A conversion holds a few blocks of a wave, whatever its size: a 200 MB recording converts to raw
+// floats, to 24-bit WAV and to FLAC within 64 MiB, and sox reads back what was written. It takes
+// most of a minute: the bound only shows on an input far larger than the blocks.
+TEST(StreamedConversion, TwoHundredMegabytesConvertInBoundedMemory) {
+  ORLIN_REQUIRE_TOOL("/usr/bin/time");
+  ORLIN_REQUIRE_TOOL("sox");
+  ScratchDir dir;
+  // 200 MB of 16-bit stereo at 44.1 kHz: about 19.8 minutes of quiet noise.
+  ASSERT_EQ(RunCommand("sox -n -r 44100 -b 16 -c 2 " + dir.File("big.wav") + " synth 1189 whitenoise vol 0.1"), 0);
+  constexpr double kBoundMiB = 64;
+  struct Case {
+    std::string args, output;
+  };
+  const Case cases[] = {{"--to f32", "out.f32"},
+                        {"--to wav --data-format 'PCM 24-bit'", "out.wav"},
+                        {"--to flac", "out.flac"}};
+  for (const Case& c : cases) {
+    const RunResult run =
+        RunMeasured("convert " + dir.File("big.wav") + " " + c.args + " -o " + dir.File(c.output) + " --yes", dir);
+    EXPECT_EQ(run.exitCode, 0) << c.args << "\n" << run.output;
+    if (!kSanitized) {
+      EXPECT_LT(run.peakMiB, kBoundMiB) << c.args;
+    }
+    if (c.output != "out.f32") {
+      std::string frames;
+      ASSERT_EQ(RunCommand("soxi -s " + dir.File(c.output), &frames), 0) << c.args;
+      EXPECT_EQ(std::stoull(frames), 1189ull * 44100) << c.args;
+    }
+    fs::remove(dir.File(c.output));
+  }
+}
+
+}  // namespace
+}  // namespace orlin
