@@ -73,26 +73,30 @@ TEST(FoundFaults, MutatedCorpusFilesConvertOrAreRefusedInBoundedMemory) {
   ORLIN_REQUIRE_TOOL("/usr/bin/time");
   struct Case {
     const char* file;
+    const char* to;
     bool converts;
   };
   // The MPEG one has a data chunk of zero bytes; the FLAC and ADPCM ones forge their frame counts;
-  // the sf3 one asks for more than its bytes can hold.
-  const Case cases[] = {{"01-ub-wav_mp3_in_riff.wav", false},
-                        {"02-alloc-root_key_62.flac", true},
-                        {"04-hang-wav_ima_adpcm_ffmpeg_bs512.wav", true},
-                        {"05-alloc-VintageDreamsWaves-v2.sf3", false}};
+  // the sf3 one has a sample whose stream header asks for more than its bytes can hold.
+  const Case cases[] = {{"01-ub-wav_mp3_in_riff.wav", "wav", false},
+                        {"02-alloc-root_key_62.flac", "wav", true},
+                        {"04-hang-wav_ima_adpcm_ffmpeg_bs512.wav", "wav", true},
+                        {"05-alloc-VintageDreamsWaves-v2.sf3", "sf2", true}};
   for (const Case& c : cases) {
     const fs::path input = FoundFaults() / c.file;
     if (!fs::exists(input)) continue;
     ScratchDir dir;
-    const RunResult run = RunMeasured("convert '" + input.string() + "' --to wav -o " + dir.Path().string() + "/ --yes", dir);
+    const RunResult run = RunMeasured(
+        "convert '" + input.string() + "' --to " + c.to + " -o " + dir.Path().string() + "/ --yes", dir);
     ExpectBounded(run, c.file);
+    EXPECT_EQ(run.output.find("runtime error"), std::string::npos) << run.output;
+    EXPECT_EQ(run.output.find("Sanitizer"), std::string::npos) << run.output;
     if (c.converts) {
       EXPECT_EQ(run.exitCode, 0) << c.file << "\n" << run.output;
       // What was decoded stops where the data stops: no output is larger than a few times the input.
       uintmax_t written = 0;
       for (const auto& entry : fs::recursive_directory_iterator(dir.Path()))
-        if (entry.is_regular_file() && entry.path().extension() == ".wav") written += entry.file_size();
+        if (entry.is_regular_file() && entry.path().extension() == std::string(".") + c.to) written += entry.file_size();
       EXPECT_GT(written, 0u) << c.file;
       EXPECT_LT(written, 64u * fs::file_size(input) + 65536) << c.file;
     }

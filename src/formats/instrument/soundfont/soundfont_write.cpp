@@ -14,6 +14,7 @@
 #include "core/collection.h"
 #include "core/file_object.h"
 #include "core/last_error.h"
+#include "core/pcm.h"
 #include "core/save_choice.h"
 #include "core/text.h"
 #include "core/user_interface.h"
@@ -562,9 +563,10 @@ bool WriteBank(Item* item, FileObject* file, const SaveOptions* options, BankKin
   std::vector<PlannedSample> planned(waves.size());
   for (size_t w = 0; w < waves.size(); ++w) {
     Waveform* wave = waves[w];
-    // Plain banks take their sizes from the wave's description and decode while the samples are
-    // written; compressed banks encode each wave here.
-    const bool described = !wave->Data() && wave->decoder && kind != BankKind::Sf3 && wave->length &&
+    // Plain banks take the sizes of plain PCM waves, which their data's size fixes, from the wave's
+    // description and decode them while the samples are written; a codec's stated length is only
+    // trusted once decoded, and compressed banks encode each wave here.
+    const bool described = !wave->Data() && HasGenericDecoder(*wave) && kind != BankKind::Sf3 && wave->length &&
                            wave->channels >= 1 && wave->channels <= 2;
     const float* samples = described ? nullptr : wave->GetSamplesForRead();
     const WaveData* data = samples ? wave->Data() : nullptr;
