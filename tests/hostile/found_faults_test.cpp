@@ -153,6 +153,7 @@ TEST(FoundFaults, TwoHourRecordingConvertsToWaveInBoundedMemory) {
   ORLIN_REQUIRE_TOOL("soxi");
   const fs::path input = FoundFaults() / "silence_2h.flac";
   if (!fs::exists(input)) GTEST_SKIP() << "no two-hour recording in this corpus";
+  if (kSanitized) GTEST_SKIP() << "a memory bound, measured on the plain build; 1.2 GB through the sanitizers takes minutes";
   ScratchDir dir;
   const RunResult run = RunMeasured("convert '" + input.string() + "' --to wav -o " + dir.File("long.wav") + " --yes", dir);
   EXPECT_EQ(run.exitCode, 0) << run.output;
@@ -178,6 +179,7 @@ namespace {
 TEST(StreamedConversion, TwoHundredMegabytesConvertInBoundedMemory) {
   ORLIN_REQUIRE_TOOL("/usr/bin/time");
   ORLIN_REQUIRE_TOOL("sox");
+  if (kSanitized) GTEST_SKIP() << "a memory bound, measured on the plain build; 600 MB through the sanitizers takes minutes";
   ScratchDir dir;
   // 200 MB of 16-bit stereo at 44.1 kHz: about 19.8 minutes of quiet noise.
   ASSERT_EQ(RunCommand("sox -n -r 44100 -b 16 -c 2 " + dir.File("big.wav") + " synth 1189 whitenoise vol 0.1"), 0);
