@@ -2,7 +2,8 @@
 # Conversions side by side with the outside tools that do the same work, in one run: the median of
 # RUNS alternated runs of each, the ratio (their time / ours: 1.0 or more means we are as fast or
 # faster) and the peak resident memory of each (/usr/bin/time -f %M). Inputs are generated into a
-# scratch folder; BENCH_LARGE=1 adds the 1 GB WAV rows.
+# scratch folder; BENCH_LARGE=1 adds the 1 GB WAV rows. Compressed inputs are decoded to 16-bit PCM,
+# as the outside decoders do (left to itself a WAV keeps a compressed wave's own coding).
 #   bash bench/compare_tools.sh [build-dir]     (make bench runs it with build-bench)
 set -uo pipefail
 build_dir=${1:-build-bench}
@@ -70,13 +71,13 @@ if have flac; then
     -- flac -s -5 -f -o "$work/out/a.flac" "$work/w100.wav"
 fi
 if have mpg123; then
-  row "MP3 -> WAV" mpg123 -- "$orlin" convert "$work/in.mp3" --to wav -o "$work/out/a.wav" --yes \
+  row "MP3 -> WAV" mpg123 -- "$orlin" convert "$work/in.mp3" --to wav --data-format "PCM 16-bit" -o "$work/out/a.wav" --yes \
     -- mpg123 -q -w "$work/out/a.wav" "$work/in.mp3"
 else
-  row "MP3 -> WAV" ffmpeg -- "$orlin" convert "$work/in.mp3" --to wav -o "$work/out/a.wav" --yes \
+  row "MP3 -> WAV" ffmpeg -- "$orlin" convert "$work/in.mp3" --to wav --data-format "PCM 16-bit" -o "$work/out/a.wav" --yes \
     -- ffmpeg -v error -y -i "$work/in.mp3" "$work/out/a.wav"
 fi
-row "Ogg -> WAV" ffmpeg -- "$orlin" convert "$work/in.ogg" --to wav -o "$work/out/a.wav" --yes \
+row "Ogg -> WAV" ffmpeg -- "$orlin" convert "$work/in.ogg" --to wav --data-format "PCM 16-bit" -o "$work/out/a.wav" --yes \
   -- ffmpeg -v error -y -i "$work/in.ogg" "$work/out/a.wav"
 bank=/usr/share/sounds/sf2/FluidR3_GM.sf2
 if [ -f "$bank" ] && have polyphone; then

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <limits>
 #include <memory>
 #include <vector>
 
@@ -335,10 +334,9 @@ inline int64_t RoundEven(double x) {
   return int64_t((x + kMagic) - kMagic);
 }
 inline int64_t ClampRound(float value, double scale, double lo, double hi) {
-  // Clamping before rounding gives what rounding then clamping gives, for every finite value; a NaN
-  // passes both unchanged.
-  const double scaled = double(value) * scale;
-  if (scaled != scaled) return std::numeric_limits<int64_t>::min();
+  // Clamping before rounding gives what rounding then clamping gives, for every finite value. A NaN
+  // became the lowest 64-bit integer, whose low 32 bits are zero: zero gives the same bytes.
+  const double scaled = value == value ? double(value) * scale : 0.0;
   return RoundEven(std::clamp(scaled, lo, hi));
 }
 
@@ -371,6 +369,15 @@ void EncodePcm16(const float* in, size_t frames, uint32_t channels, uint8_t* out
 }
 template <bool kUnsigned, bool kBigEndian>
 void EncodePcm24(const float* in, size_t frames, uint32_t channels, uint8_t* out, EncodeState&) {
+  if (!kBigEndian) {
+    // Four bytes stored per sample and the next sample's store covering the fourth: one store, not
+    // three. The block buffer has room behind its end for the last one.
+    for (size_t i = 0; i < frames * channels; ++i) {
+      const uint32_t raw = uint32_t(ClampRound(in[i], 8388608, -8388608, 8388607) ^ (kUnsigned ? 0x800000 : 0));
+      std::memcpy(out + i * 3, &raw, 4);
+    }
+    return;
+  }
   for (size_t i = 0; i < frames * channels; ++i)
     PutBytes<3, kBigEndian>(
         out + i * 3, uint32_t(ClampRound(in[i], 8388608, -8388608, 8388607) ^ (kUnsigned ? 0x800000 : 0)) & 0xFFFFFF);
@@ -473,7 +480,8 @@ bool EncodeSamples(Waveform& wave, uint32_t storage, uint32_t channels, uint32_t
   constexpr size_t kFramesPerBlock = 65536;
   std::vector<float> source(kFramesPerBlock * sourceChannels), mixed;
   if (channels != sourceChannels) mixed.resize(kFramesPerBlock * channels);
-  std::vector<uint8_t> buffer(kFramesPerBlock * channels * bytesPerSample);
+  constexpr size_t kStoreSlack = 8;  // an encoder may store a whole word at its last sample
+  std::vector<uint8_t> buffer(kFramesPerBlock * channels * bytesPerSample + kStoreSlack);
   EncodeState state;
   uint64_t done = 0;
   for (;;) {

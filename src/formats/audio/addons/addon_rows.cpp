@@ -258,14 +258,48 @@ bool ReadFlac(Collection* collection, FileObject* file, uint32_t) {
   return wave != nullptr;
 }
 
+// The wave as blocks in the channels the row and the user chose, for encoders that pull them: the
+// wave is never held whole unless it already is.
+bool PrepareStreamedEncode(Item* item, const SaveOptions* options, std::unique_ptr<WaveStream>& stream,
+                           addons::EncodeInput& input) {
+  Waveform* wave = WaveOf(item);
+  if (!wave || wave->length == 0) {
+    SetLastError(wave ? "Zero length" : "Empty item - nothing to save");
+    return false;
+  }
+  stream = OpenWaveStream(*wave);
+  if (!stream) return false;
+  const uint32_t outChannels = ChooseChannels(*wave, *options);
+  const uint32_t inChannels = stream->channels;
+  auto scratch = std::make_shared<std::vector<float>>();
+  WaveStream* from = stream.get();
+  input.pull = [from, scratch, inChannels, outChannels](float* out, uint32_t frames) -> int64_t {
+    if (inChannels == outChannels) return from->Read(out, frames);
+    scratch->resize(size_t(frames) * inChannels);
+    const int64_t got = from->Read(scratch->data(), frames);
+    for (int64_t i = 0; i < got; ++i) {
+      const float* frame = scratch->data() + size_t(i) * inChannels;
+      if (outChannels == 1) out[i] = 0.5f * (frame[0] + frame[1]);
+      else out[2 * i] = out[2 * i + 1] = frame[0];
+    }
+    return got;
+  };
+  input.frames = wave->length;
+  input.channels = outChannels;
+  input.rate = wave->sampleRate;
+  input.tags = addons::TagsFromItem(*wave);
+  return true;
+}
+
 bool WriteFlac(Item* item, FileObject* file, const SaveOptions* options) {
-  EncodeSource source;
-  if (!PrepareEncode(item, options, source)) return false;
+  addons::EncodeInput input;
+  std::unique_ptr<WaveStream> stream;
+  if (!PrepareStreamedEncode(item, options, stream, input)) return false;
   double rate = 0;
   const uint32_t storage = ChooseSaveFormat(*WaveOf(item), *options, rate);
   const uint32_t bits = storage == kStoragePcm24 ? 24 : 16;
   const uint32_t level = options->variant == 2 ? 8 : 5;
-  return addons::EncodeFlac(*file, source.input, bits, level);
+  return addons::EncodeFlac(*file, input, bits, level);
 }
 
 // ------------------------------------------------------------------------------------------------

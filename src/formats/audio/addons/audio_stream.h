@@ -3,6 +3,7 @@
 #pragma once
 #include "core/file_object.h"
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -50,10 +51,12 @@ class AudioStream {
 // Decodes everything from the stream's position into `out`, at most `limit` frames.
 bool ReadAllFrames(AudioStream& stream, std::vector<float>& out, uint64_t limit);
 
-// A stereo or mono float signal to encode.
+// A stereo or mono float signal to encode: whole in memory, or, for encoders that take it so, pulled
+// in blocks from `pull` (up to the frames asked for, 0 at the end, negative on a failure).
 struct EncodeInput {
   const float* samples = nullptr;  // interleaved
-  uint32_t frames = 0;
+  std::function<int64_t(float* out, uint32_t frames)> pull;
+  uint32_t frames = 0;  // with `pull`, the length stated ahead; the frames pulled decide
   uint32_t channels = 1;
   uint32_t rate = 44100;
   AudioTags tags;

@@ -273,22 +273,35 @@ bool EncodeFlac(FileObject& file, const EncodeInput& input, uint32_t bits, uint3
             api.setTotal(encoder, input.frames) && (blocks == 0 || api.setMetadata(encoder, metadata, blocks));
   ok = ok && api.encoderInit(encoder, EncoderWrite, EncoderSeek, EncoderTell, nullptr, &file) ==
                  FLAC__STREAM_ENCODER_INIT_STATUS_OK;
+  bool pullFailed = false;  // the source has said why
   if (ok) {
     const double scale = double(1u << (bits - 1));
     const int32_t top = int32_t(scale) - 1, bottom = -int32_t(scale);
-    std::vector<FLAC__int32> block(size_t(4096) * input.channels);
-    for (uint32_t at = 0; ok && at < input.frames; at += 4096) {
-      const uint32_t count = std::min<uint32_t>(4096, input.frames - at);
+    constexpr uint32_t kBlockFrames = 65536;
+    std::vector<FLAC__int32> block(size_t(kBlockFrames) * input.channels);
+    std::vector<float> pulled(input.pull ? block.size() : 0);
+    for (uint32_t at = 0; ok && (input.pull || at < input.frames);) {
+      uint32_t count = std::min<uint32_t>(kBlockFrames, input.frames - at);
       const float* source = input.samples + size_t(at) * input.channels;
+      if (input.pull) {
+        // Blocks come as the source decodes them; the encoder rewrites its stream header with the
+        // count that really came.
+        const int64_t got = input.pull(pulled.data(), kBlockFrames);
+        if (got < 0) ok = false, pullFailed = true;
+        if (got <= 0) break;
+        count = uint32_t(got);
+        source = pulled.data();
+      }
       for (size_t i = 0; i < size_t(count) * input.channels; ++i)
         block[i] = std::clamp(int32_t(std::lround(double(source[i]) * scale)), bottom, top);
       ok = api.processInterleaved(encoder, block.data(), count);
+      at += count;
     }
     ok = api.encoderFinish(encoder) && ok;
   }
   api.encoderDelete(encoder);
   for (uint32_t i = 0; i < blocks; ++i) api.metadataDelete(metadata[i]);
-  if (!ok) SetLastError("Writing to file failed");
+  if (!ok && !pullFailed) SetLastError("Writing to file failed");
   return ok;
 }
 

@@ -119,7 +119,10 @@ bool DecodeCompressedSample(Waveform* wave, FileObject* file) {
         std::unique_ptr<addons::AudioStream> decoder =
             ogg ? addons::OpenVorbisStream(stream) : addons::OpenFlacStream(stream);
         std::vector<float> frames;
+        // The stream's own header stated the length: the frames that decode decide, so that a forged
+        // header is not padded out to gigabytes of silence.
         if (decoder && addons::ReadAllFrames(*decoder, frames, wave->length) && decoder->channels >= 1 &&
+            !frames.empty() && (wave->length = std::min<uint32_t>(wave->length, uint32_t(frames.size() / decoder->channels))) &&
             wave->AllocSamples()) {
           float* out = wave->Data()->samples;
           const size_t count = frames.size() / decoder->channels;
@@ -144,6 +147,7 @@ bool DecodePackedSample(Waveform* wave, FileObject* file) {
     std::vector<float> frames;
     if (stream && stream->channels >= 1 && wave->sourceOffsetB + wave->length <= stream->frames &&
         stream->Seek(wave->sourceOffsetB) && addons::ReadAllFrames(*stream, frames, wave->length) &&
+        !frames.empty() && (wave->length = std::min<uint32_t>(wave->length, uint32_t(frames.size() / stream->channels))) &&
         wave->AllocSamples()) {
       float* out = wave->Data()->samples;
       const size_t count = frames.size() / stream->channels;

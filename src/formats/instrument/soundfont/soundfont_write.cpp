@@ -14,6 +14,7 @@
 #include "core/collection.h"
 #include "core/file_object.h"
 #include "core/last_error.h"
+#include "core/pcm.h"
 #include "core/save_choice.h"
 #include "core/text.h"
 #include "core/user_interface.h"
@@ -423,55 +424,82 @@ struct SamplePiece {
   uint32_t frames;
 };
 
+// The frames and channels a wave takes in smpl, fixed by the sample headers before any sample is
+// written.
+struct PlannedSample {
+  uint32_t frames = 0;
+  uint32_t channels = 1;
+};
+
 // Writes the 16-bit words of smpl (or with `lowBytes` the low bytes of sm24) for every channel of
-// every wave, each followed by its zero pad. The pieces go in blocks of about a megabyte; a helper
-// thread converts the next block while this one writes the last, since both take about as long.
-bool StreamSampleWords(FileObject& file, const std::vector<Waveform*>& waves, bool use24, bool lowBytes) {
+// every wave, each followed by its zero pad. Waves are decoded a group of about 16 MB at a time and
+// those this save decoded are let go once written, so a bank of any size is written in bounded
+// memory. The pieces go in blocks of about a megabyte; a helper thread converts the next block
+// while this one writes the last, since both take about as long. A wave that yields fewer frames
+// than its header planned (or fails to decode) is filled with zeros to its planned length.
+bool StreamSampleWords(FileObject& file, const std::vector<Waveform*>& waves, const std::vector<PlannedSample>& planned,
+                       bool use24, bool lowBytes) {
   constexpr uint32_t kBlockFrames = 1u << 19;
+  constexpr uint64_t kGroupBytes = 16u << 20;
   const size_t width = lowBytes ? 1 : 2;
-  std::vector<std::vector<SamplePiece>> blocks(1);
-  uint32_t blockFrames = 0;
-  auto add = [&](const float* from, uint32_t stride, uint32_t frames) {
-    while (frames) {
-      if (blockFrames == kBlockFrames) blocks.emplace_back(), blockFrames = 0;
-      const uint32_t count = std::min(frames, kBlockFrames - blockFrames);
-      blocks.back().push_back({from, stride, count});
-      blockFrames += count;
-      frames -= count;
-      if (from) from += size_t(count) * stride;
+  for (size_t groupStart = 0; groupStart < waves.size();) {
+    std::vector<Waveform*> decodedHere;
+    size_t groupEnd = groupStart;
+    uint64_t groupBytes = 0;
+    do {
+      Waveform* wave = waves[groupEnd];
+      if (!wave->Data() && wave->decoder && wave->GetSamplesForRead()) decodedHere.push_back(wave);
+      if (const WaveData* data = wave->Data()) groupBytes += uint64_t(data->frames) * data->channels * sizeof(float);
+      ++groupEnd;
+    } while (groupEnd < waves.size() && groupBytes < kGroupBytes);
+
+    std::vector<std::vector<SamplePiece>> blocks(1);
+    uint32_t blockFrames = 0;
+    auto add = [&](const float* from, uint32_t stride, uint32_t frames) {
+      while (frames) {
+        if (blockFrames == kBlockFrames) blocks.emplace_back(), blockFrames = 0;
+        const uint32_t count = std::min(frames, kBlockFrames - blockFrames);
+        blocks.back().push_back({from, stride, count});
+        blockFrames += count;
+        frames -= count;
+        if (from) from += size_t(count) * stride;
+      }
+    };
+    for (size_t w = groupStart; w < groupEnd; ++w) {
+      const WaveData* data = waves[w]->Data();
+      const uint32_t stride = data ? data->channels : 1;
+      for (uint32_t c = 0; c < planned[w].channels; ++c) {
+        const uint32_t have = data && c < stride ? std::min(data->frames, planned[w].frames) : 0;
+        if (have) add(data->samples + c, stride, have);
+        add(nullptr, 0, planned[w].frames - have + kPadSamples);
+      }
     }
-  };
-  for (Waveform* wave : waves) {
-    // Decoded by the sample headers' pass; a wave that failed there is written empty here too.
-    const WaveData* data = wave->Data();
-    const uint32_t stride = data ? data->channels : 1;
-    for (uint32_t c = 0; c < std::min<uint32_t>(stride, 2); ++c) {
-      if (data) add(data->samples + c, stride, data->frames);
-      add(nullptr, 0, kPadSamples);
+    auto convert = [use24, lowBytes, width](const std::vector<SamplePiece>& pieces, std::vector<uint8_t>& out) {
+      out.resize(kBlockFrames * width);
+      uint8_t* at = out.data();
+      for (const SamplePiece& piece : pieces) {
+        if (!piece.from) std::memset(at, 0, piece.frames * width);
+        else if (lowBytes) ConvertChannel<true, true>(piece.from, piece.stride, piece.frames, at);
+        else if (use24) ConvertChannel<true, false>(piece.from, piece.stride, piece.frames, at);
+        else ConvertChannel<false, false>(piece.from, piece.stride, piece.frames, at);
+        at += piece.frames * width;
+      }
+      out.resize(size_t(at - out.data()));
+    };
+    std::vector<uint8_t> buffers[2];
+    convert(blocks[0], buffers[0]);
+    bool ok = true;
+    for (size_t b = 0; b < blocks.size(); ++b) {
+      std::future<void> next;
+      if (b + 1 < blocks.size())
+        next = std::async(std::launch::async, convert, std::cref(blocks[b + 1]), std::ref(buffers[(b + 1) % 2]));
+      const std::vector<uint8_t>& ready = buffers[b % 2];
+      ok = ok && file.Write(ready.data(), ready.size());
+      if (next.valid()) next.get();
     }
-  }
-  auto convert = [use24, lowBytes, width](const std::vector<SamplePiece>& pieces, std::vector<uint8_t>& out) {
-    out.resize(kBlockFrames * width);
-    uint8_t* at = out.data();
-    for (const SamplePiece& piece : pieces) {
-      if (!piece.from) std::memset(at, 0, piece.frames * width);
-      else if (lowBytes) ConvertChannel<true, true>(piece.from, piece.stride, piece.frames, at);
-      else if (use24) ConvertChannel<true, false>(piece.from, piece.stride, piece.frames, at);
-      else ConvertChannel<false, false>(piece.from, piece.stride, piece.frames, at);
-      at += piece.frames * width;
-    }
-    out.resize(size_t(at - out.data()));
-  };
-  std::vector<uint8_t> buffers[2];
-  convert(blocks[0], buffers[0]);
-  for (size_t b = 0; b < blocks.size(); ++b) {
-    std::future<void> next;
-    if (b + 1 < blocks.size())
-      next = std::async(std::launch::async, convert, std::cref(blocks[b + 1]), std::ref(buffers[(b + 1) % 2]));
-    const std::vector<uint8_t>& ready = buffers[b % 2];
-    const bool written = file.Write(ready.data(), ready.size());
-    if (next.valid()) next.get();
-    if (!written) return false;
+    for (Waveform* wave : decodedHere) wave->DropData();
+    if (!ok) return false;
+    groupStart = groupEnd;
   }
   return true;
 }
@@ -532,12 +560,19 @@ bool WriteBank(Item* item, FileObject* file, const SaveOptions* options, BankKin
   ByteWriter compressed;  // the sf3 streams; plain sample data is converted as it is written
   uint64_t words = 0;     // 16-bit words of smpl
   uint32_t shdrIndex = 0;
+  std::vector<PlannedSample> planned(waves.size());
   for (size_t w = 0; w < waves.size(); ++w) {
     Waveform* wave = waves[w];
-    const float* samples = wave->GetSamplesForRead();
+    // Plain banks take the sizes of plain PCM waves, which their data's size fixes, from the wave's
+    // description and decode them while the samples are written; a codec's stated length is only
+    // trusted once decoded, and compressed banks encode each wave here.
+    const bool described = !wave->Data() && HasGenericDecoder(*wave) && kind != BankKind::Sf3 && wave->length &&
+                           wave->channels >= 1 && wave->channels <= 2;
+    const float* samples = described ? nullptr : wave->GetSamplesForRead();
     const WaveData* data = samples ? wave->Data() : nullptr;
-    const uint32_t frames = data ? data->frames : 0;
-    const uint32_t channels = data ? std::min<uint32_t>(data->channels, 2) : 1;
+    const uint32_t frames = described ? wave->length : data ? data->frames : 0;
+    const uint32_t channels = described ? wave->channels : data ? std::min<uint32_t>(data->channels, 2) : 1;
+    planned[w] = {frames, channels};
     written[w].first = shdrIndex;
     written[w].channels = uint8_t(channels);
     const LoopInfo loop = wave->loop;
@@ -636,13 +671,13 @@ bool WriteBank(Item* item, FileObject* file, const SaveOptions* options, BankKin
       std::async(std::launch::async, [&] { return LayOutTables(view, written, kind, t, pdta); });
   if (!file->Write(head.Bytes().data(), head.Bytes().size())) return Fail("Writing to file failed");
   bool ok = kind == BankKind::Sf3 ? file->Write(compressed.Bytes().data(), compressed.Size())
-                                  : StreamSampleWords(*file, waves, use24, false);
+                                  : StreamSampleWords(*file, waves, planned, use24, false);
   if (ok && (smplBytes & 1)) ok = file->Write("", 1);
   if (ok && use24) {
     ByteWriter chunk;
     chunk.U32(FourCC("sm24"));
     chunk.U32(uint32_t(sm24Bytes));
-    ok = file->Write(chunk.Bytes().data(), chunk.Size()) && StreamSampleWords(*file, waves, true, true) &&
+    ok = file->Write(chunk.Bytes().data(), chunk.Size()) && StreamSampleWords(*file, waves, planned, true, true) &&
          ((sm24Bytes & 1) == 0 || file->Write("", 1));
   }
   if (!tables.get()) return Fail(kind == BankKind::Sbk ? kSbkTooMuch : kSf2TooMuch);
