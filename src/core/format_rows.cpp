@@ -4,6 +4,7 @@
 #include "core/format_table.h"
 #include "formats/audio/addons/addon_rows.h"
 #include "formats/audio/codec_raw.h"
+#include "formats/audio/iff.h"
 #include "formats/audio/raw.h"
 #include "formats/audio/w64.h"
 #include "formats/audio/wav.h"
@@ -32,10 +33,10 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /*  11 */ {"aac", nullptr, WriteAacStream, nullptr, "MPEG 4 AAC - Low Complexity", 0x01, 0x00320000, 0x3, AacSettings},  // AAC: lossy codec with bit-rate settings
     /*  12 */ {"aac", nullptr, WriteAacStream, nullptr, "MPEG 4 AAC - Main Profile", 0x01, 0x00320000, 0x4, AacSettings},  // AAC: lossy codec with bit-rate settings
     /*  13 */ {"ads", nullptr, nullptr, nullptr, "PlayStation 2 sound", 0x01, 0x00302000, 0x0, nullptr},  // PlayStation 2 stream: Sony 4-bit ADPCM, mono or interleaved stereo
-    /*  14 */ {"afc", nullptr, nullptr, nullptr, "Compressed AIFF", 0x01, 0x00307FF5, 0x0, nullptr},  // AIFF-C: PCM 8-32, float 32/64, mu/A-law, GSM, G.72x and IMA ADPCM
-    /*  15 */ {"aif", nullptr, nullptr, nullptr, "Audio interchange", 0x01, 0x00300035, 0x0, nullptr},  // AIFF: big-endian PCM 8, 16, 24, 32-bit, mono or stereo
-    /*  16 */ {"aiff", nullptr, nullptr, nullptr, "Audio interchange", 0x01, 0x00300035, 0x0, nullptr},  // AIFF: big-endian PCM 8, 16, 24, 32-bit, mono or stereo
-    /*  17 */ {"aifc", nullptr, nullptr, nullptr, "Compressed AIFF", 0x01, 0x00307FF5, 0x0, nullptr},  // AIFF-C: PCM 8-32, float 32/64, mu/A-law, GSM, G.72x and IMA ADPCM
+    /*  14 */ {"afc", ReadAiff, nullptr, DetectAifc, "Compressed AIFF", 0x01, 0x00307FF5, 0x0, nullptr},  // AIFF-C: PCM 8-32, float 32/64, mu/A-law, GSM, G.72x and IMA ADPCM
+    /*  15 */ {"aif", ReadAiff, WriteAiff, DetectAiff, "Audio interchange", 0x01, 0x00300035, 0x0, nullptr},  // AIFF: big-endian PCM 8, 16, 24, 32-bit, mono or stereo
+    /*  16 */ {"aiff", ReadAiff, WriteAiff, DetectAiff, "Audio interchange", 0x01, 0x00300035, 0x0, nullptr},  // AIFF: big-endian PCM 8, 16, 24, 32-bit, mono or stereo
+    /*  17 */ {"aifc", ReadAiff, nullptr, DetectAifc, "Compressed AIFF", 0x01, 0x00307FF5, 0x0, nullptr},  // AIFF-C: PCM 8-32, float 32/64, mu/A-law, GSM, G.72x and IMA ADPCM
     /*  18 */ {"ais", nullptr, nullptr, nullptr, "Velvet Studio instrument", 0x11, 0x00100005, 0x0, nullptr},  // Velvet Studio instrument: 8/16-bit mono samples
     /*  19 */ {"akai", nullptr, nullptr, nullptr, "AKAI S-series disk image", 0x91, 0x00100006, 0x0, nullptr},  // AKAI S-series disk: 12-bit (S900) and 16-bit (S1000/S3000) mono samples
     /*  20 */ {"akp", nullptr, nullptr, nullptr, "AKAI S5000 program", 0x91, 0x00300004, 0x0, nullptr},  // AKAI S5000/S6000 program: 16-bit WAV samples, mono or stereo
@@ -195,7 +196,7 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /* 174 */ {"hcom", nullptr, nullptr, nullptr, "Sound Tools HCOM", 0x01, 0x00100001, 0x0, nullptr},  // HCOM: Huffman-packed 8-bit mono
     /* 175 */ {"hd", nullptr, nullptr, nullptr, "PlayStation 2 SCEI set", 0x91, 0x00102000, 0x0, nullptr},  // PlayStation 2 sound set: Sony 4-bit ADPCM mono waves
     /* 176 */ {"ibk", nullptr, nullptr, nullptr, "Creative FM bank", 0x82, 0x00000000, 0x0, nullptr},  // Creative FM bank: OPL parameters, no samples
-    /* 177 */ {"iff", nullptr, nullptr, nullptr, "Interchange file format", 0x01, 0x00300005, 0x0, nullptr},  // IFF 8SVX/16SV: 8/16-bit, mono or stereo (CHAN)
+    /* 177 */ {"iff", ReadSvx, WriteSvx, DetectSvx, "Interchange file format", 0x01, 0x00300005, 0x0, nullptr},  // IFF 8SVX/16SV: 8/16-bit, mono or stereo (CHAN)
     /* 178 */ {"imf", nullptr, nullptr, nullptr, "id Software Music Format (560Hz)", 0x60, 0x00000000, 0x0, nullptr},  // OPL register capture: timed register writes, not MIDI
     /* 179 */ {"img", nullptr, nullptr, nullptr, "Ensoniq EPS/ASR-10 disk image", 0x91, 0x00100004, 0x0, nullptr},  // Ensoniq disk image: 16-bit mono samples with instruments
     /* 180 */ {"imy", nullptr, nullptr, nullptr, "iMelody ring-tone format", 0x60, 0x00080000, 0x0, nullptr},  // iMelody text ring-tone: monophonic note list
@@ -248,7 +249,7 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /* 227 */ {"map", nullptr, nullptr, nullptr, "NI Reaktor - Embedded", 0x91, 0x00300014, 0x1, nullptr},  // Reaktor sample map: zones with embedded or linked WAV samples
     /* 228 */ {"map", nullptr, nullptr, nullptr, "NI Reaktor - Linked", 0x91, 0x00300014, 0x2, nullptr},  // Reaktor sample map: zones with embedded or linked WAV samples
     /* 229 */ {"mat", nullptr, nullptr, nullptr, "Matlab binary vars", 0x01, 0x003000E5, 0x0, nullptr},  // MAT-file: numeric arrays of 8/16/32-bit ints or floats
-    /* 230 */ {"maud", nullptr, nullptr, nullptr, "MAUD sample", 0x01, 0x00300305, 0x0, nullptr},  // MAUD: 8/16-bit, A/mu-law, mono or stereo
+    /* 230 */ {"maud", ReadAiff, nullptr, DetectMaud, "MAUD sample", 0x01, 0x00300305, 0x0, nullptr},  // MAUD: 8/16-bit, A/mu-law, mono or stereo
     /* 231 */ {"mdl", ReadOtherModule<ModuleKind::Digitrakker>, nullptr, DetectOtherModule<ModuleKind::Digitrakker>, "Digitrakker module", 0xD1, 0x00000000, 0x0, nullptr},
     /* 232 */ {"med", ReadOtherModule<ModuleKind::OctaMed>, nullptr, DetectOtherModule<ModuleKind::OctaMed>, "OctaMED module", 0xD1, 0x00000000, 0x0, nullptr},
     /* 233 */ {"mid", ReadMidiFile, WriteMidi, DetectMidi, "Standard MIDI", 0x60, 0x00080000, 0x0, nullptr},  // Standard MIDI File: format 0/1/2 tracks
@@ -443,7 +444,7 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /* 422 */ {"svq", nullptr, nullptr, nullptr, "Roland Sequencer v4", 0x60, 0x00080000, 0x4, nullptr},  // sequencer file: note events
     /* 423 */ {"svq", nullptr, nullptr, nullptr, "Roland Sequencer 'STcf'", 0x60, 0x00080000, 0x5, nullptr},  // sequencer file: note events
     /* 424 */ {"svq", nullptr, nullptr, nullptr, "Roland Sequencer 'RSVQ'", 0x60, 0x00080000, 0x6, nullptr},  // sequencer file: note events
-    /* 425 */ {"svx", nullptr, nullptr, nullptr, "Interchange file format", 0x01, 0x00300005, 0x0, nullptr},  // IFF 8SVX/16SV: 8/16-bit, mono or stereo (CHAN)
+    /* 425 */ {"svx", ReadSvx, WriteSvx, DetectSvx, "Interchange file format", 0x01, 0x00300005, 0x0, nullptr},  // IFF 8SVX/16SV: 8/16-bit, mono or stereo (CHAN)
     /* 426 */ {"sw", ReadRawPcm, WriteRawPcm, DetectByExtensionOnly, "Signed words (16-bit) - Little Endian", 0x01, 0x00300004, 0x4, nullptr},  // raw signed 16-bit PCM
     /* 427 */ {"sw", ReadRawPcm, WriteRawPcm, DetectByExtensionOnly, "Signed words (16-bit) - Big Endian", 0x01, 0x00300004, 0x1000004, nullptr},  // raw signed 16-bit PCM
     /* 428 */ {"sxt", nullptr, nullptr, nullptr, "Propellerheads Reason NN-XT", 0x91, 0x00300014, 0x0, nullptr},  // NN-XT patch: zones referencing WAV/AIFF samples
