@@ -24,6 +24,7 @@ constexpr Family kFamilies[] = {
     {orlin::ReadNist, orlin::DetectNist},   {orlin::ReadIrcam, orlin::DetectIrcam},
     {orlin::ReadSamplevision, orlin::DetectSamplevision}, {orlin::ReadPsion, orlin::DetectPsion},
     {orlin::ReadVoc, orlin::DetectVoc},     {orlin::ReadSds, orlin::DetectSds},
+    {orlin::ReadPaf, orlin::DetectPaf},
 };
 
 }  // namespace

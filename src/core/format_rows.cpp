@@ -319,7 +319,7 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /* 296 */ {"p9", nullptr, nullptr, nullptr, "AKAI S950 program", 0x91, 0x00100002, 0x1, nullptr},  // AKAI S900/S950 program: 12-bit mono samples
     /* 297 */ {"p3k", nullptr, nullptr, nullptr, "Kurzweil PC3K", 0x91, 0x02100004, 0x2, nullptr},  // Kurzweil object file: 16-bit samples, stereo as paired mono samples
     /* 298 */ {"pac", nullptr, nullptr, nullptr, "SB Studio II", 0x81, 0x00100001, 0x0, nullptr},  // SB Studio package: 8-bit mono sounds
-    /* 299 */ {"paf", nullptr, nullptr, nullptr, "Ensoniq PARIS", 0x01, 0x00300014, 0x0, nullptr},  // PARIS audio: 16/24-bit
+    /* 299 */ {"paf", ReadPaf, nullptr, DetectPaf, "Ensoniq PARIS", 0x01, 0x00300014, 0x0, nullptr},  // PARIS audio: 16/24-bit
     /* 300 */ {"pat", nullptr, nullptr, nullptr, "Gravis Ultrasound patch", 0x11, 0x00100005, 0x0, nullptr},  // Gravis patch: 8/16-bit mono samples
     /* 301 */ {"pbf", nullptr, nullptr, nullptr, "TB Pinnacle bank", 0x91, 0x00100004, 0x0, nullptr},  // Turtle Beach bank
     /* 302 */ {"pcg", nullptr, nullptr, nullptr, "Korg Trinity bank", 0x90, 0x02100005, 0x3B, nullptr},  // Korg PCG bank: KSF samples 8/16-bit mono, stereo as pairs

@@ -290,14 +290,15 @@ TEST(AiffReader, EdgeCases) {
   }
   {
     // Root 60, fine tune 0 and no loop: no INST is written.
+    static const char kInst[] = "INST";
     Collection collection;
     Waveform* wave = MakeTone(collection, 100, 1);
     std::vector<uint8_t> image;
     ASSERT_TRUE(WriteAiffToMemory(*wave, image, 0x00300004));
-    EXPECT_EQ(std::search(image.begin(), image.end(), "INST", "INST" + 4), image.end());
+    EXPECT_EQ(std::search(image.begin(), image.end(), kInst, kInst + 4), image.end());
     wave->rootKey = 61;
     ASSERT_TRUE(WriteAiffToMemory(*wave, image, 0x00300004));
-    EXPECT_NE(std::search(image.begin(), image.end(), "INST", "INST" + 4), image.end());
+    EXPECT_NE(std::search(image.begin(), image.end(), kInst, kInst + 4), image.end());
   }
   {
     std::vector<uint8_t> form = BuildAifc("NONE", false, 0, 0);

@@ -46,7 +46,7 @@ TEST(PlainContainersCorpus, FilesDecodeAsTheirReferences) {
       {"audio/generated/sweep/ircam_f32.sf", 0, 0},      {"audio/generated/tone440/smp_samplevision.smp", lsb16, 0},
       {"audio/generated/dtmf8k/wve_psion_alaw.wve", lsb16, 0}, {"audio/generated/sweep/voc_u8.voc", lsb8, 0},
       {"audio/generated/sweep/voc_u8_ffmpeg.voc", lsb8, 0}, {"audio/generated/dtmf8k/voc_u8.voc", lsb8, 0},
-      {"audio/generated/sweep/voc_s16.voc", lsb16, 0},   {"audio/generated/tone440/voc_s16.voc", lsb16, 0},
+      {"audio/generated/sweep/voc_s16.voc", lsb16, 0},     {"audio/generated/sweep/paf_s24_sndfile.paf", lsb24, 0},   {"audio/generated/tone440/voc_s16.voc", lsb16, 0},
       // libsndfile leaves the last, partly filled packet out of its decode, which is the reference.
       {"audio/generated/tone440/sds_midi_sds_sndfile.sds", lsb16, 22040},
   };

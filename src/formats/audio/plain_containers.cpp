@@ -537,4 +537,77 @@ bool ReadSds(Collection* collection, FileObject* file, uint32_t) {
   return true;
 }
 
+// ---- Ensoniq PARIS: " paf" (or "fap " little-endian), version, byte order (0 big, 1 little), rate,
+// format (0 16-bit, 1 24-bit, 2 8-bit), channels; samples from byte 2048. 24-bit data comes in
+// blocks of 32 bytes a channel, ten 3-byte samples each, whose 32-bit words are in the file's order ----
+
+namespace {
+
+constexpr uint64_t kPafDataOffset = 2048;
+constexpr uint32_t kPafBlockBytes = 32, kPafBlockFrames = 10;
+
+bool DecodePaf24(Waveform* wave, FileObject* file) {
+  if (!file || !file->IsOpen()) return Fail("Reading from file failed");
+  if (wave->length == 0) return Fail("Zero length");
+  const uint32_t channels = wave->channels;
+  const bool bigEndian = wave->sourceFormat & kSourceBigEndian;
+  const uint64_t blocks = (uint64_t(wave->length) + kPafBlockFrames - 1) / kPafBlockFrames;
+  const uint64_t blockBytes = uint64_t(kPafBlockBytes) * channels;
+  if (blocks * blockBytes >= 0x40000000) return Fail("Wave is too big!");
+  std::vector<uint8_t> bytes(size_t(blocks * blockBytes), 0);
+  const uint64_t fileBytes = FileBytes(*file);
+  const uint64_t present = std::min<uint64_t>(bytes.size(), fileBytes > kPafDataOffset ? fileBytes - kPafDataOffset : 0);
+  if (present && !file->ReadAt(kPafDataOffset, bytes.data(), size_t(present))) return Fail("Reading from file failed");
+  float* out = wave->AllocSamples();
+  if (!out) return Fail("Out of memory");
+  for (uint64_t frame = 0; frame < wave->length; ++frame) {
+    const uint8_t* block = bytes.data() + frame / kPafBlockFrames * blockBytes;
+    for (uint32_t c = 0; c < channels; ++c) {
+      // Byte k of the channel's part, read as the little-endian words it was laid out in.
+      auto at = [&](uint32_t k) { return block[c * kPafBlockBytes + (bigEndian ? (k & ~3u) + 3 - (k & 3) : k)]; };
+      const uint32_t first = uint32_t(frame % kPafBlockFrames) * 3;
+      int32_t value = int32_t(at(first) | at(first + 1) << 8 | uint32_t(at(first + 2)) << 16);
+      if (value & 0x800000) value -= 0x1000000;
+      out[frame * channels + c] = float(value) * (1.0f / 8388608.0f);
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+int32_t DetectPaf(const uint8_t* head, uint32_t, uint32_t headBytes, uint64_t) {
+  return headBytes >= 28 && (std::memcmp(head, " paf", 4) == 0 || std::memcmp(head, "fap ", 4) == 0) ? 6 : 0;
+}
+
+bool ReadPaf(Collection* collection, FileObject* file, uint32_t) {
+  std::vector<uint8_t> head;
+  if (!ReadHead(*file, head, 28) || head.size() < 28 || !DetectPaf(head.data(), 0, 28, 0))
+    return Fail("Not an Ensoniq PARIS file");
+  const bool littleHead = head[0] == 'f';
+  auto word = [&](size_t at) { return littleHead ? Le32(head.data() + at) : Be32(head.data() + at); };
+  const bool bigEndian = word(8) == 0;
+  const uint32_t rate = word(12), format = word(16), channels = word(20);
+  if (channels == 0 || channels > 2) return Fail("Can't handle > 2 channel files");
+  const uint64_t fileBytes = FileBytes(*file);
+  const uint64_t dataBytes = fileBytes > kPafDataOffset ? fileBytes - kPafDataOffset : 0;
+  auto* wave = NewWave(collection, *file);
+  if (format == 1) {
+    wave->SetPcmSourceByFormat(kStoragePcm24, bigEndian ? kSourceBigEndian : 0);
+    wave->channels = uint8_t(channels);
+    wave->sampleRate = rate ? rate : 44100;
+    wave->sourceOffset = kPafDataOffset;
+    wave->length = uint32_t(std::min<uint64_t>(dataBytes / (uint64_t(kPafBlockBytes) * channels) * kPafBlockFrames, 0xFFFFFFFF));
+    wave->decoder = DecodePaf24;
+    return true;
+  }
+  if (format != 0 && format != 2) {
+    delete wave;
+    return Fail("Unknown sample format or compression");
+  }
+  SetPlain(*wave, format == 0 ? kStoragePcm16 : kStoragePcm8, format == 0 && bigEndian ? kSourceBigEndian : 0, channels,
+           rate, kPafDataOffset, ~uint64_t(0), fileBytes);
+  return true;
+}
+
 }  // namespace orlin

@@ -33,4 +33,7 @@ bool ReadVoc(Collection* collection, FileObject* file, uint32_t variant);
 int32_t DetectSds(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
 bool ReadSds(Collection* collection, FileObject* file, uint32_t variant);
 
+int32_t DetectPaf(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
+bool ReadPaf(Collection* collection, FileObject* file, uint32_t variant);
+
 }  // namespace orlin
