@@ -4,6 +4,8 @@
 #include "core/format_table.h"
 #include "formats/audio/addons/addon_rows.h"
 #include "formats/audio/codec_raw.h"
+#include "formats/audio/iff.h"
+#include "formats/audio/plain_containers.h"
 #include "formats/audio/raw.h"
 #include "formats/audio/w64.h"
 #include "formats/audio/wav.h"
@@ -34,10 +36,10 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /*  11 */ {"aac", nullptr, WriteAacStream, nullptr, "MPEG 4 AAC - Low Complexity", 0x01, 0x00320000, 0x3, AacSettings},  // AAC: lossy codec with bit-rate settings
     /*  12 */ {"aac", nullptr, WriteAacStream, nullptr, "MPEG 4 AAC - Main Profile", 0x01, 0x00320000, 0x4, AacSettings},  // AAC: lossy codec with bit-rate settings
     /*  13 */ {"ads", nullptr, nullptr, nullptr, "PlayStation 2 sound", 0x01, 0x00302000, 0x0, nullptr},  // PlayStation 2 stream: Sony 4-bit ADPCM, mono or interleaved stereo
-    /*  14 */ {"afc", nullptr, nullptr, nullptr, "Compressed AIFF", 0x01, 0x00307FF5, 0x0, nullptr},  // AIFF-C: PCM 8-32, float 32/64, mu/A-law, GSM, G.72x and IMA ADPCM
-    /*  15 */ {"aif", nullptr, nullptr, nullptr, "Audio interchange", 0x01, 0x00300035, 0x0, nullptr},  // AIFF: big-endian PCM 8, 16, 24, 32-bit, mono or stereo
-    /*  16 */ {"aiff", nullptr, nullptr, nullptr, "Audio interchange", 0x01, 0x00300035, 0x0, nullptr},  // AIFF: big-endian PCM 8, 16, 24, 32-bit, mono or stereo
-    /*  17 */ {"aifc", nullptr, nullptr, nullptr, "Compressed AIFF", 0x01, 0x00307FF5, 0x0, nullptr},  // AIFF-C: PCM 8-32, float 32/64, mu/A-law, GSM, G.72x and IMA ADPCM
+    /*  14 */ {"afc", ReadAiff, nullptr, DetectAifc, "Compressed AIFF", 0x01, 0x00307FF5, 0x0, nullptr},  // AIFF-C: PCM 8-32, float 32/64, mu/A-law, GSM, G.72x and IMA ADPCM
+    /*  15 */ {"aif", ReadAiff, WriteAiff, DetectAiff, "Audio interchange", 0x01, 0x00300035, 0x0, nullptr},  // AIFF: big-endian PCM 8, 16, 24, 32-bit, mono or stereo
+    /*  16 */ {"aiff", ReadAiff, WriteAiff, DetectAiff, "Audio interchange", 0x01, 0x00300035, 0x0, nullptr},  // AIFF: big-endian PCM 8, 16, 24, 32-bit, mono or stereo
+    /*  17 */ {"aifc", ReadAiff, nullptr, DetectAifc, "Compressed AIFF", 0x01, 0x00307FF5, 0x0, nullptr},  // AIFF-C: PCM 8-32, float 32/64, mu/A-law, GSM, G.72x and IMA ADPCM
     /*  18 */ {"ais", nullptr, nullptr, nullptr, "Velvet Studio instrument", 0x11, 0x00100005, 0x0, nullptr},  // Velvet Studio instrument: 8/16-bit mono samples
     /*  19 */ {"akai", nullptr, nullptr, nullptr, "AKAI S-series disk image", 0x91, 0x00100006, 0x0, nullptr},  // AKAI S-series disk: 12-bit (S900) and 16-bit (S1000/S3000) mono samples
     /*  20 */ {"akp", nullptr, nullptr, nullptr, "AKAI S5000 program", 0x91, 0x00300004, 0x0, nullptr},  // AKAI S5000/S6000 program: 16-bit WAV samples, mono or stereo
@@ -52,9 +54,9 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /*  29 */ {"ase", nullptr, nullptr, nullptr, "Velvet Studio sample", 0x01, 0x00100005, 0x0, nullptr},  // Velvet Studio sample: 8/16-bit mono
     /*  30 */ {"asf", ReadMediaContainer, nullptr, DetectAsf, "ActiveMovie streaming", 0x01, 0x00320000, 0x0, nullptr},  // ASF container: Windows Media lossy codecs
     /*  31 */ {"atak1a", nullptr, nullptr, nullptr, "Soundscape audio-take", 0x01, 0x00100014, 0x0, nullptr},  // Soundscape take: one mono track per file, 16/24-bit
-    /*  32 */ {"au", nullptr, nullptr, nullptr, "Sun/NeXT/DEC audio", 0x01, 0x00300375, 0x0, nullptr},  // Sun/NeXT audio: PCM 8-32, float, mu/A-law
+    /*  32 */ {"au", ReadAu, WriteAu, DetectAu, "Sun/NeXT/DEC audio", 0x01, 0x00300375, 0x0, nullptr},  // Sun/NeXT audio: PCM 8-32, float, mu/A-law
     /*  33 */ {"avi", ReadMediaContainer, nullptr, DetectAvi, "Audio video interleave", 0x01, 0x00322315, 0x0, nullptr},  // AVI audio stream: WAVE format tags (PCM, G.711, ADPCM, MPEG)
-    /*  34 */ {"avr", nullptr, nullptr, nullptr, "Audio Visual Research", 0x01, 0x00300005, 0x0, nullptr},  // AVR: 8/16-bit signed or unsigned, mono or stereo
+    /*  34 */ {"avr", ReadAvr, nullptr, DetectAvr, "Audio Visual Research", 0x01, 0x00300005, 0x0, nullptr},  // AVR: 8/16-bit signed or unsigned, mono or stereo
     /*  35 */ {"bin", nullptr, nullptr, nullptr, "Roland D-50 VST bank", 0x82, 0x00000000, 0x0, nullptr},  // LA synthesis patches: synthesis-model parameters, no sample data
     /*  36 */ {"bn4", nullptr, nullptr, nullptr, "Yamaha DX100/DX21/DX27 voice SysEx", 0x82, 0x00000000, 0x0, nullptr},  // FM voice data: synthesis-model parameters, no sample data
     /*  37 */ {"bnk", nullptr, nullptr, nullptr, "AdLib bank", 0x82, 0x00000000, 0x0, nullptr},  // AdLib OPL2 instrument bank: FM parameters, no samples
@@ -197,7 +199,7 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /* 174 */ {"hcom", nullptr, nullptr, nullptr, "Sound Tools HCOM", 0x01, 0x00100001, 0x0, nullptr},  // HCOM: Huffman-packed 8-bit mono
     /* 175 */ {"hd", nullptr, nullptr, nullptr, "PlayStation 2 SCEI set", 0x91, 0x00102000, 0x0, nullptr},  // PlayStation 2 sound set: Sony 4-bit ADPCM mono waves
     /* 176 */ {"ibk", nullptr, nullptr, nullptr, "Creative FM bank", 0x82, 0x00000000, 0x0, nullptr},  // Creative FM bank: OPL parameters, no samples
-    /* 177 */ {"iff", nullptr, nullptr, nullptr, "Interchange file format", 0x01, 0x00300005, 0x0, nullptr},  // IFF 8SVX/16SV: 8/16-bit, mono or stereo (CHAN)
+    /* 177 */ {"iff", ReadSvx, WriteSvx, DetectSvx, "Interchange file format", 0x01, 0x00300005, 0x0, nullptr},  // IFF 8SVX/16SV: 8/16-bit, mono or stereo (CHAN)
     /* 178 */ {"imf", nullptr, nullptr, nullptr, "id Software Music Format (560Hz)", 0x60, 0x00000000, 0x0, nullptr},  // OPL register capture: timed register writes, not MIDI
     /* 179 */ {"img", nullptr, nullptr, nullptr, "Ensoniq EPS/ASR-10 disk image", 0x91, 0x00100004, 0x0, nullptr},  // Ensoniq disk image: 16-bit mono samples with instruments
     /* 180 */ {"imy", nullptr, nullptr, nullptr, "iMelody ring-tone format", 0x60, 0x00080000, 0x0, nullptr},  // iMelody text ring-tone: monophonic note list
@@ -250,7 +252,7 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /* 227 */ {"map", nullptr, nullptr, nullptr, "NI Reaktor - Embedded", 0x91, 0x00300014, 0x1, nullptr},  // Reaktor sample map: zones with embedded or linked WAV samples
     /* 228 */ {"map", nullptr, nullptr, nullptr, "NI Reaktor - Linked", 0x91, 0x00300014, 0x2, nullptr},  // Reaktor sample map: zones with embedded or linked WAV samples
     /* 229 */ {"mat", nullptr, nullptr, nullptr, "Matlab binary vars", 0x01, 0x003000E5, 0x0, nullptr},  // MAT-file: numeric arrays of 8/16/32-bit ints or floats
-    /* 230 */ {"maud", nullptr, nullptr, nullptr, "MAUD sample", 0x01, 0x00300305, 0x0, nullptr},  // MAUD: 8/16-bit, A/mu-law, mono or stereo
+    /* 230 */ {"maud", ReadAiff, nullptr, DetectMaud, "MAUD sample", 0x01, 0x00300305, 0x0, nullptr},  // MAUD: 8/16-bit, A/mu-law, mono or stereo
     /* 231 */ {"mdl", ReadOtherModule<ModuleKind::Digitrakker>, nullptr, DetectOtherModule<ModuleKind::Digitrakker>, "Digitrakker module", 0xD1, 0x00000000, 0x0, nullptr},
     /* 232 */ {"med", ReadOtherModule<ModuleKind::OctaMed>, nullptr, DetectOtherModule<ModuleKind::OctaMed>, "OctaMED module", 0xD1, 0x00000000, 0x0, nullptr},
     /* 233 */ {"mid", ReadMidiFile, WriteMidi, DetectMidi, "Standard MIDI", 0x60, 0x00080000, 0x0, nullptr},  // Standard MIDI File: format 0/1/2 tracks
@@ -282,7 +284,7 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /* 259 */ {"mus", nullptr, nullptr, nullptr, "Musifile MPEG layer II", 0x01, 0x00320000, 0x1, nullptr},  // MPEG layer II audio
     /* 260 */ {"mus10", nullptr, nullptr, nullptr, "Mus10", 0x01, 0x00100006, 0x0, nullptr},  // Mus10 sound: packed 12/16-bit
     /* 261 */ {"ncw", nullptr, nullptr, nullptr, "NI Kontakt Compressed", 0x01, 0x00300074, 0x0, nullptr},  // Kontakt lossless packed sample: 16/24/32-bit and float
-    /* 262 */ {"nist", nullptr, nullptr, nullptr, "NIST Sphere", 0x01, 0x00300335, 0x0, nullptr},  // NIST SPHERE: PCM 8-32, mu/A-law, mono or stereo
+    /* 262 */ {"nist", ReadNist, nullptr, DetectNist, "NIST Sphere", 0x01, 0x00300335, 0x0, nullptr},  // NIST SPHERE: PCM 8-32, mu/A-law, mono or stereo
     /* 263 */ {"nkb", nullptr, nullptr, nullptr, "NI Kontakt v1 Bank", 0x91, 0x00300075, 0x0, nullptr},  // Kontakt: zones referencing WAV samples, PCM 8-32 and float, mono or stereo
     /* 264 */ {"nkb", nullptr, nullptr, nullptr, "NI Kontakt v2/3/4 Bank", 0x91, 0x00300075, 0x1, nullptr},  // Kontakt: zones referencing WAV samples, PCM 8-32 and float, mono or stereo
     /* 265 */ {"nkb", nullptr, nullptr, nullptr, "NI Kontakt v5/6/7 Bank", 0x91, 0x00300075, 0x2, nullptr},  // Kontakt: zones referencing WAV samples, PCM 8-32 and float, mono or stereo
@@ -319,7 +321,7 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /* 296 */ {"p9", nullptr, nullptr, nullptr, "AKAI S950 program", 0x91, 0x00100002, 0x1, nullptr},  // AKAI S900/S950 program: 12-bit mono samples
     /* 297 */ {"p3k", nullptr, nullptr, nullptr, "Kurzweil PC3K", 0x91, 0x02100004, 0x2, nullptr},  // Kurzweil object file: 16-bit samples, stereo as paired mono samples
     /* 298 */ {"pac", nullptr, nullptr, nullptr, "SB Studio II", 0x81, 0x00100001, 0x0, nullptr},  // SB Studio package: 8-bit mono sounds
-    /* 299 */ {"paf", nullptr, nullptr, nullptr, "Ensoniq PARIS", 0x01, 0x00300014, 0x0, nullptr},  // PARIS audio: 16/24-bit
+    /* 299 */ {"paf", ReadPaf, nullptr, DetectPaf, "Ensoniq PARIS", 0x01, 0x00300014, 0x0, nullptr},  // PARIS audio: 16/24-bit
     /* 300 */ {"pat", nullptr, nullptr, nullptr, "Gravis Ultrasound patch", 0x11, 0x00100005, 0x0, nullptr},  // Gravis patch: 8/16-bit mono samples
     /* 301 */ {"pbf", nullptr, nullptr, nullptr, "TB Pinnacle bank", 0x91, 0x00100004, 0x0, nullptr},  // Turtle Beach bank
     /* 302 */ {"pcg", nullptr, nullptr, nullptr, "Korg Trinity bank", 0x90, 0x02100005, 0x3B, nullptr},  // Korg PCG bank: KSF samples 8/16-bit mono, stereo as pairs
@@ -355,7 +357,7 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /* 332 */ {"ppf", nullptr, nullptr, nullptr, "TB Pinnacle program", 0x91, 0x00100004, 0x0, nullptr},  // Turtle Beach program/bank
     /* 333 */ {"prg", nullptr, nullptr, nullptr, "WAVmaker program", 0x91, 0x00100004, 0x0, nullptr},  // WAVmaker program
     /* 334 */ {"psb", nullptr, nullptr, nullptr, "TB Pinnacle bank", 0x91, 0x00100004, 0x0, nullptr},  // Turtle Beach program/bank
-    /* 335 */ {"psion", nullptr, nullptr, nullptr, "PSION A-law", 0x01, 0x00100200, 0x0, nullptr},  // Psion A-law: 8 kHz mono
+    /* 335 */ {"psion", ReadPsion, nullptr, DetectPsion, "PSION A-law", 0x01, 0x00100200, 0x0, nullptr},  // Psion A-law: 8 kHz mono
     /* 336 */ {"psm", ReadOtherModule<ModuleKind::ProtrackerStudio>, nullptr, DetectOtherModule<ModuleKind::ProtrackerStudio>, "Protracker Studio module", 0xD1, 0x00000000, 0x0, nullptr},
     /* 337 */ {"ptm", ReadOtherModule<ModuleKind::PolyTracker>, nullptr, DetectOtherModule<ModuleKind::PolyTracker>, "Poly Tracker module", 0xD1, 0x00000000, 0x0, nullptr},
     /* 338 */ {"ra", ReadMediaContainer, nullptr, DetectRealAudio, "RealAudio - Music", 0x01, 0x00320000, 0x0, nullptr},  // RealAudio: lossy codec
@@ -399,12 +401,12 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /* 376 */ {"sd2", nullptr, nullptr, nullptr, "Sound Designer II flat", 0x01, 0x00300015, 0x1, nullptr},  // Sound Designer II: 8/16/24-bit, mono or stereo
     /* 377 */ {"sdk", nullptr, nullptr, nullptr, "Roland S-5xx disk image", 0x91, 0x00100002, 0x0, nullptr},  // Roland S-5xx disk: 12-bit mono samples
     /* 378 */ {"sdk", nullptr, nullptr, nullptr, "Roland S-7xx disk image", 0x91, 0x00100004, 0x1, nullptr},  // Roland S-7xx disk: 16-bit mono samples
-    /* 379 */ {"sds", nullptr, nullptr, nullptr, "MIDI SDS", 0x01, 0x0010001F, 0x0, nullptr},  // MIDI Sample Dump Standard: 8 to 28-bit mono
+    /* 379 */ {"sds", ReadSds, nullptr, DetectSds, "MIDI SDS", 0x01, 0x0010001F, 0x0, nullptr},  // MIDI Sample Dump Standard: 8 to 28-bit mono
     /* 380 */ {"sds", ReadWav, nullptr, DetectSmartSoundSds, "SmartSound SDS", 0x01, 0x00300005, 0x1, nullptr},  // SmartSound: RIFF WAVE form with SDSS tag
     /* 381 */ {"sdw", ReadRawPcm, WriteRawPcm, DetectByExtensionOnly, "Signed dwords (32-bit)", 0x01, 0x00300020, 0x20, nullptr},  // raw signed 32-bit PCM
     /* 382 */ {"seq", nullptr, nullptr, nullptr, "PlayStation music", 0x60, 0x00080000, 0x0, nullptr},  // PlayStation sequence: MIDI-like events
     /* 383 */ {"sdx", nullptr, nullptr, nullptr, "SDX compact MIDI SDS", 0x01, 0x0010001F, 0x0, nullptr},  // compact Sample Dump Standard: 8 to 28-bit mono
-    /* 384 */ {"sf", nullptr, nullptr, nullptr, "IRCAM / MTU sound", 0x01, 0x003003E5, 0x0, nullptr},  // IRCAM/BICSF: 8/16/32-bit, float, double, mu/A-law
+    /* 384 */ {"sf", ReadIrcam, nullptr, DetectIrcam, "IRCAM / MTU sound", 0x01, 0x003003E5, 0x0, nullptr},  // IRCAM/BICSF: 8/16/32-bit, float, double, mu/A-law
     /* 385 */ {"sf2", ReadSoundFont, WriteSf2, DetectSf2, "SoundFont v2 bank", 0x91, 0x02100014, 0x0, nullptr},  // SoundFont 2: 16/24-bit mono samples, stereo as linked pairs
     /* 386 */ {"sf2pack", ReadSoundFont, nullptr, DetectSf2Pack, "MIDI Converter Studio", 0x91, 0x02100014, 0x0, nullptr},  // SoundFont 2 with WavPack-packed sample chunk
     /* 387 */ {"sf3", ReadSoundFont, WriteSf3, DetectSf3, "Compressed SoundFont", 0x91, 0x02120014, 0x3, Sf3Settings},  // SoundFont 3: 16/24-bit or Vorbis/FLAC mono samples, stereo as pairs
@@ -420,7 +422,7 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /* 397 */ {"shn", ReadMediaContainer, nullptr, DetectShorten, "Shorten lossless", 0x01, 0x00300105, 0x0, nullptr},  // Shorten: lossless 8/16-bit and mu-law
     /* 398 */ {"smd", nullptr, nullptr, nullptr, "J-Phone / SmdEd song", 0x60, 0x00080000, 0x0, nullptr},  // SMD song: note events
     /* 399 */ {"smp", nullptr, nullptr, nullptr, "AdLib Gold sample", 0x01, 0x00100005, 0x0, nullptr},  // AdLib Gold sample
-    /* 400 */ {"smp", nullptr, nullptr, nullptr, "Samplevision", 0x01, 0x00100004, 0x1, nullptr},  // Samplevision: 16-bit mono
+    /* 400 */ {"smp", ReadSamplevision, nullptr, DetectSamplevision, "Samplevision", 0x01, 0x00100004, 0x1, nullptr},  // Samplevision: 16-bit mono
     /* 401 */ {"smp", nullptr, nullptr, nullptr, "Avalon sample", 0x01, 0x00100004, 0x2, nullptr},  // Avalon sample: 16-bit mono
     /* 402 */ {"snd", ReadRawPcm, WriteRawPcm, DetectByExtensionOnly, "Unsigned 8-bit PCM", 0x01, 0x00300001, 0x800001, nullptr},  // raw unsigned 8-bit PCM
     /* 403 */ {"snd", nullptr, nullptr, nullptr, "AKAI MPC sample", 0x01, 0x00300004, 0x1, nullptr},  // MPC sample: 16-bit, mono or stereo
@@ -445,7 +447,7 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /* 422 */ {"svq", nullptr, nullptr, nullptr, "Roland Sequencer v4", 0x60, 0x00080000, 0x4, nullptr},  // sequencer file: note events
     /* 423 */ {"svq", nullptr, nullptr, nullptr, "Roland Sequencer 'STcf'", 0x60, 0x00080000, 0x5, nullptr},  // sequencer file: note events
     /* 424 */ {"svq", nullptr, nullptr, nullptr, "Roland Sequencer 'RSVQ'", 0x60, 0x00080000, 0x6, nullptr},  // sequencer file: note events
-    /* 425 */ {"svx", nullptr, nullptr, nullptr, "Interchange file format", 0x01, 0x00300005, 0x0, nullptr},  // IFF 8SVX/16SV: 8/16-bit, mono or stereo (CHAN)
+    /* 425 */ {"svx", ReadSvx, WriteSvx, DetectSvx, "Interchange file format", 0x01, 0x00300005, 0x0, nullptr},  // IFF 8SVX/16SV: 8/16-bit, mono or stereo (CHAN)
     /* 426 */ {"sw", ReadRawPcm, WriteRawPcm, DetectByExtensionOnly, "Signed words (16-bit) - Little Endian", 0x01, 0x00300004, 0x4, nullptr},  // raw signed 16-bit PCM
     /* 427 */ {"sw", ReadRawPcm, WriteRawPcm, DetectByExtensionOnly, "Signed words (16-bit) - Big Endian", 0x01, 0x00300004, 0x1000004, nullptr},  // raw signed 16-bit PCM
     /* 428 */ {"sxt", nullptr, nullptr, nullptr, "Propellerheads Reason NN-XT", 0x91, 0x00300014, 0x0, nullptr},  // NN-XT patch: zones referencing WAV/AIFF samples
@@ -485,8 +487,8 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /* 462 */ {"vag", nullptr, nullptr, nullptr, "PlayStation sound", 0x01, 0x00102000, 0x0, nullptr},  // PlayStation VAG: Sony 4-bit ADPCM mono
     /* 463 */ {"vap", nullptr, nullptr, nullptr, "Annotated speech", 0x01, 0x00100004, 0x0, nullptr},  // annotated speech
     /* 464 */ {"vm1", nullptr, nullptr, nullptr, "Panasonic voice", 0x01, 0x00102000, 0x0, nullptr},  // Panasonic voice: ADPCM mono
-    /* 465 */ {"voc", nullptr, nullptr, nullptr, "SoundBlaster voice", 0x01, 0x00303B05, 0x0, nullptr},  // Creative VOC: PCM 8/16, G.711, Creative 2/3/4-bit ADPCM
-    /* 466 */ {"voc", nullptr, nullptr, nullptr, "SoundBlaster voice - Old Style", 0x01, 0x00303801, 0x1, nullptr},  // Creative VOC (old blocks): 8-bit and Creative ADPCM
+    /* 465 */ {"voc", ReadVoc, nullptr, DetectVoc, "SoundBlaster voice", 0x01, 0x00303B05, 0x0, nullptr},  // Creative VOC: PCM 8/16, G.711, Creative 2/3/4-bit ADPCM
+    /* 466 */ {"voc", ReadVoc, nullptr, DetectVoc, "SoundBlaster voice - Old Style", 0x01, 0x00303801, 0x1, nullptr},  // Creative VOC (old blocks): 8-bit and Creative ADPCM
     /* 467 */ {"vox", ReadCodecRaw, nullptr, DetectByExtensionOnly, "Dialogic 4-bit ADPCM", 0x01, 0x00102000, 0x80340, nullptr},  // Dialogic ADPCM: 4-bit mono
     /* 468 */ {"vox-6k", ReadCodecRaw, nullptr, DetectByExtensionOnly, "Dialogic 4-bit ADPCM (6000 Hz)", 0x01, 0x00102000, 0x60340, nullptr},  // Dialogic ADPCM: 4-bit mono
     /* 469 */ {"vox-8k", ReadCodecRaw, nullptr, DetectByExtensionOnly, "Dialogic 4-bit ADPCM (8000 Hz)", 0x01, 0x00102000, 0x80340, nullptr},  // Dialogic ADPCM: 4-bit mono

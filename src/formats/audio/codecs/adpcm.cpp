@@ -228,6 +228,39 @@ std::vector<uint8_t> EncodeImaRaw(const float* in, uint64_t frames) {
   return outBytes;
 }
 
+// ---- Apple IMA4 -------------------------------------------------------------------------------------
+// 34-byte packets per channel, the channels' packets in turn: a big-endian word whose top nine bits are
+// the predictor and low seven the step index, then 64 codes, low nibble first. The predictor restarts
+// from each packet's head, so a damaged packet does not spoil the rest.
+
+uint64_t AppleImaFrames(uint64_t byteCount, const CodecParams& params) {
+  const uint64_t channels = std::max<uint32_t>(params.channels, 1);
+  return byteCount / (kAppleImaPacketBytes * channels) * kAppleImaPacketFrames;
+}
+
+uint64_t DecodeAppleIma(const uint8_t* bytes, size_t byteCount, const CodecParams& params, float* out,
+                        uint64_t maxFrames) {
+  const uint32_t channels = std::max<uint32_t>(params.channels, 1);
+  const uint64_t packets = byteCount / (kAppleImaPacketBytes * uint64_t(channels));
+  uint64_t done = 0;
+  for (uint64_t packet = 0; packet < packets && done < maxFrames; ++packet) {
+    const uint64_t frames = std::min<uint64_t>(kAppleImaPacketFrames, maxFrames - done);
+    for (uint32_t c = 0; c < channels; ++c) {
+      const uint8_t* p = bytes + (packet * channels + c) * kAppleImaPacketBytes;
+      const uint16_t head = uint16_t(p[0] << 8 | p[1]);
+      ImaChannel state;
+      state.sample = int16_t(head & 0xFF80);
+      state.index = std::min<int32_t>(head & 0x7F, kImaLastIndex);
+      for (uint64_t k = 0; k < frames; ++k) {
+        const uint32_t code = k & 1 ? p[2 + k / 2] >> 4 : p[2 + k / 2] & 15;
+        out[(done + k) * channels + c] = float(state.Decode(code)) * kSampleScale;
+      }
+    }
+    done += frames;
+  }
+  return done;
+}
+
 // ---- MS ADPCM ---------------------------------------------------------------------------------------
 
 namespace {

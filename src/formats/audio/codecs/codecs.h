@@ -62,6 +62,18 @@ uint64_t DecodeImaRaw(const uint8_t* bytes, size_t byteCount, const CodecParams&
                       uint64_t maxFrames);
 std::vector<uint8_t> EncodeImaRaw(const float* in, uint64_t frames);
 
+// ---- Apple IMA4 (decode only): 34-byte packets of 64 frames per channel, channels in turn ------------
+constexpr uint32_t kAppleImaPacketBytes = 34;
+constexpr uint32_t kAppleImaPacketFrames = 64;
+uint64_t AppleImaFrames(uint64_t byteCount, const CodecParams& params);
+uint64_t DecodeAppleIma(const uint8_t* bytes, size_t byteCount, const CodecParams& params, float* out,
+                        uint64_t maxFrames);
+
+// ---- DWVW, delta with variable word width (decode only): one bit stream, channels interleaved;
+// bitsPerSample is the word width (12, 16, 24) ------------------------------------------------------
+uint64_t DecodeDwvw(const uint8_t* bytes, size_t byteCount, const CodecParams& params, float* out,
+                    uint64_t maxFrames);
+
 // ---- MS ADPCM (decode only) -----------------------------------------------------------------------
 uint64_t MsAdpcmFrames(uint64_t byteCount, const CodecParams& params);
 uint64_t DecodeMsAdpcm(const uint8_t* bytes, size_t byteCount, const CodecParams& params, float* out,
