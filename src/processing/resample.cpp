@@ -250,6 +250,10 @@ bool Resample(Waveform& destination, Waveform& source, double ratio, uint32_t ne
     return false;
   }
   if (ratio == 1.0 && &destination == &source) return true;
+  if (!(ratio > 0.0) || newLength == 0) {
+    SetLastError("Invalid length or frequency specified");
+    return false;
+  }
   WaveData* fresh = nullptr;
   if (ratio == 1.0) {
     const WaveData& data = *source.Data();

@@ -37,6 +37,9 @@ TEST(Resample, SameWaveAtRatioOneKeepsItsSourceAndAnotherGetsACopy) {
   ASSERT_TRUE(ResampleToRate(*wave, *wave, wave->sampleRate / 2, kResampleCubic, &collection));
   EXPECT_EQ(wave->decoder, nullptr);
   EXPECT_EQ(wave->length, copy.length / 2);
+  // A rate so low that no frame is left is refused, and the wave stays as it was.
+  EXPECT_FALSE(ResampleToRate(*wave, *wave, 1, kResampleFir16, &collection));
+  EXPECT_EQ(wave->length, copy.length / 2);
 }
 
 // A wave of ones: whatever an interpolator reads beyond either end must be silence, not wrapped
