@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "processing/audio/edit_rows.h"
+#include "processing/resample.h"
 #include "processing/wizard.h"
 
 namespace orlin {
@@ -156,7 +157,7 @@ const AlgorithmRow kAudioRows[] = {
     {"Pitch scale", 336, nullptr, PRED(Always), 0, nullptr},
     {"Remove DC offset", 331, RunRemoveDc, PRED(Always), kBare, nullptr},
     {"Remove silent sections", 304, RunRemoveSilence, PRED(Always), 0, RemoveSilenceSettingList},
-    {"Resample", 303, nullptr, PRED(Always), 0, nullptr},
+    {"Resample", 303, RunResample, PRED(Always), 0, ResampleSettingList},
     {"Reverse audio within selection", 312, RunReverse, PRED(SubRangeOn), kRange | kBare, nullptr},
     {"Search and replace text in names", 329, nullptr, PRED(Always), 0, nullptr},
     {"Set loop points to selection", 313, nullptr, PRED(SubRangeOn), kRange | kBare, nullptr},
@@ -219,6 +220,9 @@ std::span<const AlgorithmRow> AlgorithmTable(AlgorithmFamily family) {
   }
 }
 
-void ResetAlgorithmSettings() { ResetEditRowSettings(); }
+void ResetAlgorithmSettings() {
+  ResetEditRowSettings();
+  ResetResampleSettings();
+}
 
 }  // namespace orlin

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "core/last_error.h"
+#include "processing/resample.h"
 
 namespace orlin {
 
@@ -161,32 +162,11 @@ bool IsSound(const float* frame, uint32_t channels, double threshold) {
   return false;
 }
 
-WaveData* LinearRateConverter(const WaveData& source, uint32_t targetRate) {
-  const double ratio = double(source.rate) / double(targetRate);
-  const uint64_t frames = std::max<uint64_t>(1, uint64_t(std::llround(double(source.frames) / ratio)));
-  if (TooBig(frames, source.channels)) return nullptr;
-  WaveData* out = NewBlock(frames, source.channels, float(targetRate), false);
-  if (!out) return nullptr;
-  const uint32_t channels = source.channels;
-  for (uint64_t i = 0; i < frames; ++i) {
-    const double at = double(i) * ratio;
-    const uint64_t index = std::min<uint64_t>(uint64_t(at), source.frames - 1);
-    const double fraction = at - double(index);
-    // The block's guard frames after the end are zero, so index + 1 is always readable.
-    for (uint32_t c = 0; c < channels; ++c) {
-      const float a = source.samples[index * channels + c];
-      const float b = source.samples[(index + 1) * channels + c];
-      out->samples[i * channels + c] = float(a + (b - a) * fraction);
-    }
-  }
-  return out;
-}
-
-RateConverter gRateConverter = LinearRateConverter;
+RateConverter gRateConverter = ConvertRateFir;
 
 }  // namespace
 
-void SetRateConverter(RateConverter converter) { gRateConverter = converter ? converter : LinearRateConverter; }
+void SetRateConverter(RateConverter converter) { gRateConverter = converter ? converter : ConvertRateFir; }
 WaveData* ConvertRate(const WaveData& source, uint32_t targetRate) { return gRateConverter(source, targetRate); }
 
 std::vector<Region*> RegionsPlaying(const Waveform& wave) {

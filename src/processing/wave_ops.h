@@ -89,8 +89,8 @@ bool MakeSplitWaves(Waveform& wave, std::vector<SplitRecord>& pieces, bool remap
 // The regions of the wave's collection that play it.
 std::vector<Region*> RegionsPlaying(const Waveform& wave);
 
-// Converts a wave's samples to another rate. Linear interpolation until the resampler is bound
-// through SetRateConverter; it returns a new block of reference count 1, or null.
+// Converts a wave's samples to another rate: the resampler's grade 16 FIR unless another converter
+// is set (null restores it). It returns a new block of reference count 1, or null.
 using RateConverter = WaveData* (*)(const WaveData& source, uint32_t targetRate);
 void SetRateConverter(RateConverter converter);
 WaveData* ConvertRate(const WaveData& source, uint32_t targetRate);

@@ -50,10 +50,11 @@ inline Waveform* LoadCorpusWave(Collection& collection, const std::string& relat
   return nullptr;
 }
 
-// Writes `samples` as raw float, runs `sox -t f32 ... EFFECTS` and reads what sox wrote.
+// Writes `samples` as raw float, runs `sox -t f32 ... EFFECTS` and reads what sox wrote (at
+// `outRate` when a rate effect changes it).
 inline std::vector<float> RunSox(const std::vector<float>& samples, uint32_t channels, uint32_t rate,
                                  const std::string& effects, std::string* stderrText = nullptr,
-                                 uint32_t outChannels = 0) {
+                                 uint32_t outChannels = 0, uint32_t outRate = 0) {
   ScratchDir scratch;
   const std::string in = scratch.File("in.f32"), out = scratch.File("out.f32");
   std::vector<uint8_t> bytes(samples.size() * 4);
@@ -61,7 +62,7 @@ inline std::vector<float> RunSox(const std::vector<float>& samples, uint32_t cha
   WriteBytes(in, bytes);
   const std::string format = " -t f32 -c " + std::to_string(channels) + " -r " + std::to_string(rate) + " ";
   const std::string outFormat =
-      " -t f32 -c " + std::to_string(outChannels ? outChannels : channels) + " -r " + std::to_string(rate) + " ";
+      " -t f32 -c " + std::to_string(outChannels ? outChannels : channels) + " -r " + std::to_string(outRate ? outRate : rate) + " ";
   const std::string command = "sox -D -V1" + format + in + outFormat + out + " " + effects + " 2>&1";
   std::string output;
   if (RunCommand(command, &output) != 0) {
