@@ -165,8 +165,9 @@ TEST(AiffWriter, WaveLoopSurvivesAiffAndBack) {
   ScratchDir scratch;
   Collection collection;
   Waveform* wave = MakeTone(collection, 5000, 2);
+  // +23 cents: the smpl chunk holds it as 69 and -77, which AIFF's +-50 detune must fold back.
   wave->rootKey = 70;
-  wave->fineTune = -23;
+  wave->fineTune = 23;
   wave->loop.type = 3;
   wave->loop.start = 123;
   wave->loop.end = 4567;
@@ -185,7 +186,7 @@ TEST(AiffWriter, WaveLoopSurvivesAiffAndBack) {
   Waveform* second = LoadOne(fromAiff, scratch.File("b.aif"));
   ASSERT_NE(second, nullptr) << LastError();
   EXPECT_EQ(second->rootKey, 70);
-  EXPECT_EQ(second->fineTune, -23);
+  EXPECT_EQ(second->fineTune, 23);
   EXPECT_EQ(second->loop.type, 3);
   EXPECT_EQ(second->loop.start, 123.0f);
   EXPECT_EQ(second->loop.end, 4567.0f);
@@ -193,8 +194,8 @@ TEST(AiffWriter, WaveLoopSurvivesAiffAndBack) {
   Collection back;
   Waveform* third = LoadOne(back, scratch.File("c.wav"));
   ASSERT_NE(third, nullptr);
-  EXPECT_EQ(third->rootKey, 70);
-  EXPECT_EQ(third->fineTune, -23);
+  // The same pitch: 70 and +23 cents, or 69 and -77 as the smpl chunk must store it.
+  EXPECT_EQ(third->rootKey * 100 - third->fineTune, 70 * 100 - 23);
   EXPECT_EQ(third->loop.start, 123.0f);
   EXPECT_EQ(third->loop.end, 4567.0f);
   // The release loop travels as its own INST loop and comes back as the section marker.

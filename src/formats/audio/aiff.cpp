@@ -488,10 +488,11 @@ bool WriteAiffToMemory(Waveform& wave, std::vector<uint8_t>& out, uint32_t caps)
     iff.Chunk(IffId("MARK"), mark.Bytes().data(), mark.Size());
   }
   if (wave.rootKey != 60 || wave.fineTune != 0 || haveLoop || release || wave.gain != 0.0f) {
-    // AIFF detunes by at most 50 cents; a larger fine tune moves the base note.
+    // AIFF detunes by at most 50 cents; a larger fine tune moves the base note. The detune is added
+    // when the note plays, as the fine tune is, so 100 cents less detune is one base note lower.
     int note = wave.rootKey, cents = wave.fineTune;
-    while (cents > 50 && note < 127) cents -= 100, ++note;
-    while (cents < -50 && note > 0) cents += 100, --note;
+    while (cents > 50 && note > 0) cents -= 100, --note;
+    while (cents < -50 && note < 127) cents += 100, ++note;
     ByteWriter inst;
     inst.U8(uint8_t(note));
     inst.U8(uint8_t(int8_t(std::clamp(cents, -50, 50))));
