@@ -63,8 +63,9 @@ uint8_t LinearToALaw(int sample) {
   if (magnitude < 32) {
     code = uint8_t(magnitude >> 1);
   } else {
+    // Segment e (1..7) holds the 13-bit magnitudes 32 << (e - 1) up to 32 << e.
     int exponent = 1;
-    while (magnitude >= (64 << exponent) && exponent < 7) ++exponent;
+    while (magnitude >= (32 << exponent) && exponent < 7) ++exponent;
     code = uint8_t((exponent << 4) | ((magnitude >> exponent) & 15));
   }
   return uint8_t((code | sign) ^ 0x55);

@@ -37,7 +37,7 @@ uint8_t ReferenceALaw(int sample) {
     code = uint8_t(magnitude >> 1);
   } else {
     int exponent = 1;
-    while (magnitude >= (64 << exponent) && exponent < 7) ++exponent;
+    while (magnitude >= (32 << exponent) && exponent < 7) ++exponent;
     code = uint8_t((exponent << 4) | ((magnitude >> exponent) & 15));
   }
   return uint8_t((code | sign) ^ 0x55);
