@@ -41,6 +41,7 @@ TerminalUserInterface* CurrentTerminal() { return currentTerminal; }
 int TerminalUserInterface::Ask(std::string_view title, std::string_view question,
                                const std::vector<std::string>& buttons) {
   if (buttons.empty()) return -1;
+  if (rawImport && title == "Unrecognized file") return 0;
   if (policy_ == AnswerPolicy::Yes) return 0;
   if (policy_ == AnswerPolicy::No) return buttons.size() > 1 ? 1 : 0;
   if (!HaveTerminal()) {

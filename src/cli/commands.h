@@ -26,6 +26,7 @@ class TerminalUserInterface : public UserInterface {
   // --overwrite / -y: yes to replacing files, and to nothing else.
   bool overwrite = false;
   bool verbose = false;
+  bool rawImport = false;  // --raw: "read it as raw data" is answered yes
   // "File already exists! Overwrite it?" for an output the user named.
   bool ConfirmOverwrite(const std::string& path);
   ReplaceAnswer AskReplaceFile(const std::string& path) override;

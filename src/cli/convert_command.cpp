@@ -188,7 +188,10 @@ bool LoadSource(const ConvertRequest& request, const Source& source, Collection&
   }
   const std::string& path = source.paths.front();
   if (request.rawRow >= 0) return LoadFileAsRow(collection, path, request.rawRow);
-  if (request.raw) return LoadFileAsRow(collection, path, kUnrecognizedRow);
+  if (request.raw) {
+    if (CurrentTerminal()) CurrentTerminal()->rawImport = true;
+    return LoadFileAsRow(collection, path, kUnrecognizedRow);
+  }
   if (LoadFile(collection, path, false)) return true;
   if (LastError() == "Not detected as any supported file type")
     SetLastError(LastError() + " (--raw reads it as raw 8-bit data, --raw-row N with a row's reader)");
@@ -382,6 +385,9 @@ int RunConvert(const ConvertRequest& request, std::ostream& out, std::ostream& e
         bool resetChoices = false;
         path = ResolveSavePath(request.output, item, row, resetChoices);
         if (resetChoices) options = DefaultSaveOptions(row);
+        // The folder of a named output is made as a folder output's is.
+        std::error_code error;
+        if (fs::path(path).has_parent_path()) fs::create_directories(fs::path(path).parent_path(), error);
       }
     }
     // The input is never the output unless the user says so.
