@@ -137,5 +137,36 @@ TEST(SaveSafety, FullDiskInAKitSaveLeavesTheOldKitWhole) {
     }
 }
 
+TEST(SaveSafety, OverwriteQuestionOnATerminal) {
+  ORLIN_REQUIRE_TOOL("python3");
+  ORLIN_REQUIRE_TESTDATA();
+  ScratchDir dir;
+  fs::copy_file(test::TestDataDir() / "audio/real/blip.wav", dir.File("in.wav"));
+  // A pseudo-terminal answers the question: "n" keeps the file, "y" replaces it.
+  const std::string script = R"(
+import os, pty, sys
+def run(answer):
+    pid, fd = pty.fork()
+    if pid == 0:
+        os.execv(sys.argv[1], ['orlin', 'convert', sys.argv[2], '--to', 'w64', '-o', sys.argv[3]])
+    seen = b''
+    while b'[y/N]' not in seen:
+        seen += os.read(fd, 1024)
+    os.write(fd, answer + b'\n')
+    try:
+        while os.read(fd, 1024): pass
+    except OSError:
+        pass
+    return os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1])
+print(run(b'n'), os.path.getsize(sys.argv[3]), run(b'y'), os.path.getsize(sys.argv[3]) > 3)
+)";
+  std::ofstream(dir.File("ask.py")) << script;
+  test::WriteBytes(dir.File("out.w64"), {1, 2, 3});
+  std::string output;
+  ASSERT_EQ(RunCommand("python3 " + Quote(dir.File("ask.py")) + " " + test::OrlinProgram() + " " +
+                       Quote(dir.File("in.wav")) + " " + Quote(dir.File("out.w64")), &output), 0);
+  EXPECT_EQ(output, "1 3 0 True\n");
+}
+
 }  // namespace
 }  // namespace orlin
