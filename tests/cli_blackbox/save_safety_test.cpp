@@ -168,5 +168,26 @@ print(run(b'n'), os.path.getsize(sys.argv[3]), run(b'y'), os.path.getsize(sys.ar
   EXPECT_EQ(output, "1 3 0 True\n");
 }
 
+TEST(SaveSafety, AFolderOfKitsMergesIntoOneBank) {
+  ORLIN_REQUIRE_TESTDATA();
+  ScratchDir dir;
+  const std::string bank = (test::TestDataDir() / "soundfont/TimGM6mb.sf2").string();
+  // One SFZ file per instrument (about 5 s: every file is synced before it is renamed into place).
+  ASSERT_EQ(RunCommand(Orlin() + "convert -q " + Quote(bank) + " --to sfz -o " + Quote(dir.File("kits/gm.sfz"))), 0);
+  ASSERT_EQ(RunCommand(Orlin() + "convert -q " + Quote(dir.File("kits")) + " --merge --to sf2 -o " +
+                       Quote(dir.File("merged.sf2"))),
+            0);
+  std::string original, merged;
+  RunCommand(Orlin() + "info " + Quote(bank) + " | grep -c '^  instrument '", &original);
+  RunCommand(Orlin() + "info " + Quote(dir.File("merged.sf2")) + " | grep -c '^  instrument '", &merged);
+  EXPECT_EQ(merged, original);
+  EXPECT_GT(std::stoi(original), 100);
+  // Several inputs to one file name without --merge are refused.
+  EXPECT_EQ(RunCommand(Orlin() + "convert " + Quote(dir.File("kits")) + " --to sf2 -o " + Quote(dir.File("two.sf2")) +
+                       " 2>/dev/null"),
+            2);
+  EXPECT_FALSE(fs::exists(dir.File("two.sf2")));
+}
+
 }  // namespace
 }  // namespace orlin
