@@ -3,35 +3,78 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <chrono>
+#include <climits>
+#include <cstdlib>
 #include <iostream>
 
-#include "cli/process_command.h"
-#include "cli/render_note_command.h"
+#include "cli/command_registry.h"
+#include "core/save_transaction.h"
 
 namespace orlin::cli {
+
+namespace {
+
+TerminalUserInterface* currentTerminal = nullptr;
+
+bool HaveTerminal() { return isatty(STDIN_FILENO) && isatty(STDERR_FILENO); }
+
+// Reads a numbered choice from the terminal; the last button when input ends.
+int PromptChoice(std::ostream& err, std::string_view title, std::string_view question,
+                 const std::vector<std::string>& buttons) {
+  err << title << ": " << question << "\n";
+  for (size_t i = 0; i < buttons.size(); ++i) err << "  " << (i + 1) << ") " << buttons[i] << "\n";
+  for (;;) {
+    err << "> " << std::flush;
+    std::string line;
+    if (!std::getline(std::cin, line)) return int(buttons.size()) - 1;
+    const int choice = std::atoi(line.c_str());
+    if (choice >= 1 && size_t(choice) <= buttons.size()) return choice - 1;
+  }
+}
+
+}  // namespace
+
+TerminalUserInterface* CurrentTerminal() { return currentTerminal; }
 
 int TerminalUserInterface::Ask(std::string_view title, std::string_view question,
                                const std::vector<std::string>& buttons) {
   if (buttons.empty()) return -1;
+  if (rawImport && title == "Unrecognized file") return 0;
   if (policy_ == AnswerPolicy::Yes) return 0;
   if (policy_ == AnswerPolicy::No) return buttons.size() > 1 ? 1 : 0;
-  if (!isatty(STDIN_FILENO)) {
+  if (!HaveTerminal()) {
     // Nobody to ask: the last button, which is the cautious one (cancel, skip all).
     err_ << question << "\n(no terminal to answer on: taking \"" << buttons.back() << "\"; use --yes or --no)\n";
     return int(buttons.size()) - 1;
   }
-  err_ << title << ": " << question << "\n";
-  for (size_t i = 0; i < buttons.size(); ++i) err_ << "  " << (i + 1) << ") " << buttons[i] << "\n";
-  for (;;) {
-    err_ << "> " << std::flush;
-    std::string line;
-    if (!std::getline(std::cin, line)) return int(buttons.size()) - 1;
-    try {
-      const int choice = std::stoi(line);
-      if (choice >= 1 && size_t(choice) <= buttons.size()) return choice - 1;
-    } catch (...) {
-    }
+  return PromptChoice(err_, title, question, buttons);
+}
+
+bool TerminalUserInterface::ConfirmOverwrite(const std::string& path) {
+  if (overwrite || policy_ == AnswerPolicy::Yes) return true;
+  if (policy_ == AnswerPolicy::No) return false;
+  if (!HaveTerminal()) {
+    err_ << "orlin: \"" << path << "\" exists and was not replaced (no terminal to ask on; -y replaces it)\n";
+    return false;
   }
+  err_ << "File already exists! Overwrite it? \"" << path << "\" [y/N] " << std::flush;
+  std::string line;
+  if (!std::getline(std::cin, line)) return false;
+  return !line.empty() && (line[0] == 'y' || line[0] == 'Y');
+}
+
+ReplaceAnswer TerminalUserInterface::AskReplaceFile(const std::string& path) {
+  if (overwrite || policy_ == AnswerPolicy::Yes) return ReplaceAnswer::Replace;
+  // Without a terminal, and with --no, the user's file is kept and ours takes a free name.
+  if (policy_ == AnswerPolicy::No || !HaveTerminal()) {
+    err_ << "orlin: kept \"" << path << "\", which this save did not make; the new file takes a free name\n";
+    return ReplaceAnswer::KeepAndRename;
+  }
+  const int answer = PromptChoice(err_, "File already exists!", "\"" + path + "\" was not made by this save.",
+                                  {"Replace it", "Keep it, write under a new name", "Cancel the save"});
+  return answer == 0 ? ReplaceAnswer::Replace : answer == 1 ? ReplaceAnswer::KeepAndRename : ReplaceAnswer::Cancel;
 }
 
 void TerminalUserInterface::Warn(std::string_view title, std::string_view text) {
@@ -49,11 +92,15 @@ bool TerminalUserInterface::LocateFile(std::string_view title, std::string_view 
 }
 
 void TerminalUserInterface::SetStatus(std::string_view text, StatusMode mode) {
-  if (mode == StatusMode::Failure) err_ << text << "\n";
+  if (mode == StatusMode::Failure || (verbose && !text.empty())) err_ << text << "\n";
 }
 
 void TerminalUserInterface::ProgressTick(uint64_t done, uint64_t total) {
-  if (total == 0 || !isatty(STDERR_FILENO)) return;
+  // A bar only on a terminal, and only for work that has run over a second.
+  using Clock = std::chrono::steady_clock;
+  static Clock::time_point started;
+  if (done == 0 || started == Clock::time_point()) started = Clock::now();
+  if (total == 0 || !isatty(STDERR_FILENO) || Clock::now() - started < std::chrono::seconds(1)) return;
   const int width = 40;
   const int filled = int(done * width / total);
   err_ << "\r[" << std::string(size_t(filled), '#') << std::string(size_t(width - filled), ' ') << "] "
@@ -65,60 +112,64 @@ bool TerminalUserInterface::OpenExternally(const std::string& path) {
   return true;
 }
 
+namespace {
+
+size_t EditDistance(const std::string& a, const std::string& b) {
+  std::vector<size_t> row(b.size() + 1);
+  for (size_t j = 0; j <= b.size(); ++j) row[j] = j;
+  for (size_t i = 1; i <= a.size(); ++i) {
+    size_t diagonal = row[0];
+    row[0] = i;
+    for (size_t j = 1; j <= b.size(); ++j) {
+      const size_t above = row[j];
+      row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (a[i - 1] == b[j - 1] ? 0 : 1)});
+      diagonal = above;
+    }
+  }
+  return row[b.size()];
+}
+
+}  // namespace
+
 int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& err) {
   CLI::App app{"Orlin Studio command line: read, inspect and convert waveforms, instruments and songs.", "orlin"};
   app.require_subcommand(1);
-
-  bool readable = false, writable = false, formatsJson = false;
-  auto* formats = app.add_subcommand("formats", "List the rows of the format table");
-  formats->add_flag("--readable", readable, "Only rows that can be read");
-  formats->add_flag("--writable", writable, "Only rows that can be written");
-  formats->add_flag("--json", formatsJson, "JSON output");
-
-  std::vector<std::string> infoFiles;
-  bool infoJson = false;
-  auto* info = app.add_subcommand("info", "Detect files and show the items they hold");
-  info->add_option("files", infoFiles, "Files to inspect")->required();
-  info->add_flag("--json", infoJson, "JSON output");
-  bool infoYes = false, infoNo = false;
-  info->add_flag("--yes", infoYes, "Answer every question with its first choice (read unknown files as raw)");
-  info->add_flag("--no", infoNo, "Answer every question with no / skip");
-  std::string infoParams;
-  info->add_option("--params", infoParams, "List the parameters of an item: a name, TYPE:N or an id");
-
-  bool paramsJson = false;
-  auto* params = app.add_subcommand("params", "List the parameter table");
-  params->add_flag("--json", paramsJson, "JSON output");
-
-  std::vector<std::string> settingsArguments;
-  auto* settings = app.add_subcommand("settings", "Show or change stored settings: list, get NAME, set NAME VALUE");
-  settings->add_option("arguments", settingsArguments, "list | get NAME | set NAME VALUE");
-
-  ConvertRequest convert;
-  bool yes = false, no = false;
-  auto* convertCommand = app.add_subcommand("convert", "Convert files to another format");
-  convertCommand->add_option("inputs", convert.inputs, "Input files")->required();
-  auto* to = convertCommand->add_option("--to", convert.toExtension, "Extension of the format to write");
-  auto* row = convertCommand->add_option("--row", convert.row, "Row of the format table to write");
-  to->excludes(row);
-  convertCommand->add_option("-o,--output", convert.output, "Output file, or folder for several outputs");
-  convertCommand->add_option("--data-format", convert.dataFormat,
-                             "Storage format by name, e.g. \"PCM 24-bit\" (default: automatic)");
-  convertCommand->add_option("--channels", convert.channels, "auto, mono or stereo")
-      ->check(CLI::IsMember({"auto", "mono", "stereo"}));
-  convertCommand
-      ->add_option("--save-all", convert.saveAllMode,
-                   "Save every instrument, wave or song in its own file: name, number-name, base-number, "
-                   "number-base, base-name, source-name, patch-name")
-      ->check(CLI::IsMember({"name", "number-name", "base-number", "number-base", "base-name", "source-name",
-                             "patch-name"}));
-  auto* yesFlag = convertCommand->add_flag("--yes", yes, "Answer every question with its first choice");
-  auto* noFlag = convertCommand->add_flag("--no", no, "Answer every question with no / skip");
+  app.fallthrough();
+  app.set_version_flag("--version", std::string("orlin (Orlin Studio) ") + kOrlinVersion);
+  GlobalOptions global;
+  auto* yesFlag = app.add_flag("--yes", global.yes, "Answer every question with its first choice");
+  auto* noFlag = app.add_flag("--no", global.no, "Answer every question with no; never replace a file");
   yesFlag->excludes(noFlag);
+  app.add_flag("-y,--overwrite", global.overwrite, "Replace existing output files without asking (and nothing else)");
+  app.add_flag("--force", global.force, "Also replace output files that are read-only");
+  app.add_flag("-q,--quiet", global.quiet, "Print only errors");
+  app.add_flag("-v,--verbose", global.verbose, "Print what each step does");
 
-  RenderNoteCommand renderNote(app);
-  ProcessCommand process(app);
-  const std::function<int()> runStates = AddStatesCommand(app, out, err);
+  // Each sub-command lives in src/cli/<name>_command.cpp and has one Add...Command function that adds
+  // its options to `app` and returns what runs it. A new sub-command is one more line here.
+  std::vector<std::pair<CLI::App*, CommandRunner>> commands;
+  for (CommandAdder add : {AddFormatsCommand, AddInfoCommand, AddParamsCommand, AddSettingsCommand, AddConvertCommand,
+                           AddProcessCommand, AddRenderNoteCommand, AddStatesCommand})
+    commands.push_back(add(app, global, out, err));
+
+  // A mistyped sub-command is named, with the nearest one.
+  if (argc > 1 && argv[1][0] != '-') {
+    const std::string given = argv[1];
+    std::string nearest;
+    size_t best = SIZE_MAX;
+    bool known = false;
+    for (const auto& [command, runner] : commands) {
+      known = known || command->get_name() == given;
+      const size_t distance = EditDistance(given, command->get_name());
+      if (distance < best) best = distance, nearest = command->get_name();
+    }
+    if (!known) {
+      err << "orlin: unknown sub-command \"" << given << "\"";
+      if (best <= 3) err << "; did you mean \"" << nearest << "\"?";
+      err << "\nRun 'orlin --help' for the list.\n";
+      return kExitUsage;
+    }
+  }
 
   try {
     app.parse(argc, argv);
@@ -127,29 +178,23 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
     return code == 0 ? kExitOk : kExitUsage;
   }
 
-  yes = yes || infoYes;
-  no = no || infoNo;
-  const AnswerPolicy policy = yes ? AnswerPolicy::Yes : no ? AnswerPolicy::No : AnswerPolicy::Ask;
+  const AnswerPolicy policy = global.yes ? AnswerPolicy::Yes : global.no ? AnswerPolicy::No : AnswerPolicy::Ask;
   TerminalUserInterface ui(policy, err);
+  ui.overwrite = global.overwrite;
+  ui.verbose = global.verbose;
+  SetReplaceReadOnly(global.force);
   SetUserInterface(&ui);
+  currentTerminal = &ui;
   struct Restore {
-    ~Restore() { SetUserInterface(nullptr); }
+    ~Restore() {
+      SetUserInterface(nullptr);
+      SetReplaceReadOnly(false);
+      currentTerminal = nullptr;
+    }
   } restore;
 
-  if (renderNote.Selected()) return renderNote.Run(out, err);
-  if (const int code = runStates(); code >= 0) return code;
-  if (*formats) return RunFormats(readable, writable, formatsJson, out);
-  if (*params) return RunParams(paramsJson, out);
-  if (*settings) return RunSettings(settingsArguments, out, err);
-  if (*info) return RunInfo(infoFiles, infoJson, out, err, infoParams);
-  if (process.Chosen()) return process.Run(out, err);
-  if (*convertCommand) {
-    if (convert.toExtension.empty() && convert.row < 0) {
-      err << "convert: give --to EXT or --row N\n";
-      return kExitUsage;
-    }
-    return RunConvert(convert, out, err);
-  }
+  for (auto& [command, runner] : commands)
+    if (*command) return runner();
   return kExitUsage;
 }
 

@@ -24,10 +24,17 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
 enum class AnswerPolicy { Ask, Yes, No };
 
 // The command line's user interface: prompts on a terminal, fixed answers otherwise, progress on
-// standard error.
+// standard error. Without a terminal every question takes its cautious answer.
 class TerminalUserInterface : public UserInterface {
  public:
   TerminalUserInterface(AnswerPolicy policy, std::ostream& err) : policy_(policy), err_(err) {}
+  // --overwrite / -y: yes to replacing files, and to nothing else.
+  bool overwrite = false;
+  bool verbose = false;
+  bool rawImport = false;  // --raw: "read it as raw data" is answered yes
+  // "File already exists! Overwrite it?" for an output the user named.
+  bool ConfirmOverwrite(const std::string& path);
+  ReplaceAnswer AskReplaceFile(const std::string& path) override;
   int Ask(std::string_view title, std::string_view question, const std::vector<std::string>& buttons) override;
   void Warn(std::string_view title, std::string_view text) override;
   bool LocateFile(std::string_view title, std::string_view name, std::string& pathOut) override;
@@ -49,7 +56,7 @@ int RunSettings(const std::vector<std::string>& arguments, std::ostream& out, st
 // `paramsItem`: also list the parameters of the items it names (a name, "region:3" the fourth region,
 // or an id such as 0x40000000).
 int RunInfo(const std::vector<std::string>& files, bool json, std::ostream& out, std::ostream& err,
-            const std::string& paramsItem = "");
+            const std::string& paramsItem = "", bool raw = false);
 // Items of the collection that `selector` names, in insertion order.
 std::vector<const Item*> SelectItems(const Collection& collection, const std::string& selector);
 // One line per parameter the item offers: id, label, printed value, '*' when set at this level.
@@ -64,11 +71,16 @@ struct ConvertRequest {
   std::string dataFormat;
   std::string channels = "auto";
   std::string saveAllMode;  // empty: one file per input
+  bool merge = false;       // open the first input, merge the rest (folders included) into it
+  bool inPlace = false;     // the output may be the input
+  bool raw = false;         // read an unrecognised file as raw 8-bit data
+  int rawRow = -1;          // read every input with this row's reader
+  bool json = false;        // a JSON list of what was written on standard output
+  bool quiet = false;
 };
 int RunConvert(const ConvertRequest& request, std::ostream& out, std::ostream& err);
-
-// Adds `orlin states`; the function runs it after parsing and answers -1 when it was not given.
-std::function<int()> AddStatesCommand(CLI::App& app, std::ostream& out, std::ostream& err);
+// The installed terminal interface of the running command (null in library use).
+TerminalUserInterface* CurrentTerminal();
 
 // Text lines describing the items of a collection as a tree, for `orlin info`.
 std::vector<std::string> DescribeTree(const Collection& collection);

@@ -9,6 +9,11 @@
 #include "core/text.h"
 #include "formats/song/midi.h"
 
+#include <CLI/CLI.hpp>
+#include <memory>
+
+#include "cli/command_registry.h"
+
 namespace orlin::cli {
 
 namespace {
@@ -127,7 +132,7 @@ std::vector<std::string> DescribeTree(const Collection& collection) {
 }
 
 int RunInfo(const std::vector<std::string>& files, bool json, std::ostream& out, std::ostream& err,
-            const std::string& paramsItem) {
+            const std::string& paramsItem, bool raw) {
   int status = kExitOk;
   JsonWriter writer;
   writer.BeginArray();
@@ -137,11 +142,22 @@ int RunInfo(const std::vector<std::string>& files, bool json, std::ostream& out,
     int32_t row = -1;
     if (file.Open(path, FileMode::Read)) row = DetectFileFormat(path, file, confidence);
     file.Close();
+    // A known format without a reader is named, at no confidence.
+    if (row <= kUnrecognizedRow && RecognisedRowWithoutReader(path) >= 0) {
+      row = RecognisedRowWithoutReader(path);
+      confidence = 0;
+    }
     Collection collection;
-    const bool loaded = LoadFile(collection, path, true);
+    const bool loaded = raw ? LoadFileAsRow(collection, path, kUnrecognizedRow) : LoadFile(collection, path, false);
     if (!loaded) {
-      err << path << ": " << LastError() << "\n";
+      err << "orlin: " << path << ": " << LastError() << "\n";
       status = kExitFileFailed;
+    }
+    if (loaded && !paramsItem.empty() && SelectItems(collection, paramsItem).empty()) {
+      err << "orlin: " << path << ": no item \"" << paramsItem
+          << "\"; --params takes an item's name, TYPE:N (instrument:0, layer:0, region:3, waveform:2, song:0, "
+             "track:1, collection) or an id such as 0x40000000\n";
+      return kExitUsage;
     }
     if (json) {
       writer.BeginObject()
@@ -191,6 +207,24 @@ int RunInfo(const std::vector<std::string>& files, bool json, std::ostream& out,
   writer.EndArray();
   if (json) out << writer.Text() << "\n";
   return status;
+}
+
+std::pair<CLI::App*, CommandRunner> AddInfoCommand(CLI::App& app, const GlobalOptions&, std::ostream& out,
+                                                    std::ostream& err) {
+  struct Options {
+    std::vector<std::string> files;
+    bool json = false, raw = false;
+    std::string params;
+  };
+  auto options = std::make_shared<Options>();
+  auto* command = app.add_subcommand("info", "Detect files and show the items they hold");
+  command->add_option("files", options->files, "Files to inspect")->required();
+  command->add_flag("--json", options->json, "JSON output");
+  command->add_flag("--raw", options->raw, "Read the files as raw 8-bit data, whatever they look like");
+  command->add_option("--params", options->params, "List the parameters of an item: a name, TYPE:N or an id");
+  return {command, [options, &out, &err] {
+            return RunInfo(options->files, options->json, out, err, options->params, options->raw);
+          }};
 }
 
 }  // namespace orlin::cli

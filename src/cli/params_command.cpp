@@ -3,6 +3,10 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include <CLI/CLI.hpp>
+#include <memory>
+
+#include "cli/command_registry.h"
 #include "cli/commands.h"
 #include "cli/json.h"
 #include "core/articulation.h"
@@ -123,6 +127,18 @@ int RunParams(bool json, std::ostream& out) {
   writer.EndArray();
   out << writer.Text() << '\n';
   return kExitOk;
+}
+
+}  // namespace orlin::cli
+
+namespace orlin::cli {
+
+std::pair<CLI::App*, CommandRunner> AddParamsCommand(CLI::App& app, const GlobalOptions&, std::ostream& out,
+                                                      std::ostream&) {
+  auto json = std::make_shared<bool>(false);
+  auto* command = app.add_subcommand("params", "List the parameter table");
+  command->add_flag("--json", *json, "JSON output");
+  return {command, [json, &out] { return RunParams(*json, out); }};
 }
 
 }  // namespace orlin::cli

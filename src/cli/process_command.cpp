@@ -6,7 +6,9 @@
 
 #include <CLI/CLI.hpp>
 #include <filesystem>
+#include <memory>
 
+#include "cli/command_registry.h"
 #include "cli/json.h"
 #include "core/format_table.h"
 #include "core/last_error.h"
@@ -129,7 +131,7 @@ ProcessCommand::ProcessCommand(CLI::App& app) {
                        "KEY=VALUE for a setting of the chain's algorithms; N:KEY=VALUE for the N-th only");
   command_->add_option("--range", request_.range, "START:END, the sub-range of frames (end exclusive)");
   auto* output = command_->add_option("-o,--output", request_.output, "Output file, or folder for several inputs");
-  auto* inPlace = command_->add_flag("--in-place", request_.inPlace, "Write the result over the input (a .bak is kept while saving)");
+  auto* inPlace = command_->add_flag("--in-place", request_.inPlace, "Write the result over the input (the old file stays until the new one is whole)");
   output->excludes(inPlace);
   command_->add_option("--to", request_.toExtension, "Extension of the format to write (default: the input's format)");
   command_->add_flag("--force", request_.force, "Overwrite an existing output file");
@@ -138,6 +140,12 @@ ProcessCommand::ProcessCommand(CLI::App& app) {
 }
 
 bool ProcessCommand::Chosen() const { return command_->parsed(); }
+
+std::pair<CLI::App*, CommandRunner> AddProcessCommand(CLI::App& app, const GlobalOptions&, std::ostream& out,
+                                                      std::ostream& err) {
+  auto command = std::make_shared<ProcessCommand>(app);
+  return {command->Command(), [command, &out, &err] { return command->Run(out, err); }};
+}
 
 int ProcessCommand::Run(std::ostream& out, std::ostream& err) { return RunProcess(request_, out, err); }
 

@@ -31,6 +31,7 @@ class ProcessCommand {
  public:
   explicit ProcessCommand(CLI::App& app);
   bool Chosen() const;
+  CLI::App* Command() const { return command_; }
   int Run(std::ostream& out, std::ostream& err);
 
  private:

@@ -8,8 +8,10 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <vector>
 
+#include "cli/command_registry.h"
 #include "core/last_error.h"
 #include "core/pipeline.h"
 #include "synth/synth_render.h"
@@ -95,6 +97,12 @@ RenderNoteCommand::RenderNoteCommand(CLI::App& app) {
 }
 
 bool RenderNoteCommand::Selected() const { return command_ && command_->parsed(); }
+
+std::pair<CLI::App*, CommandRunner> AddRenderNoteCommand(CLI::App& app, const GlobalOptions&, std::ostream& out,
+                                                         std::ostream& err) {
+  auto command = std::make_shared<RenderNoteCommand>(app);
+  return {command->Command(), [command, &out, &err] { return command->Run(out, err); }};
+}
 
 int RenderNoteCommand::Run(std::ostream& out, std::ostream& err) const {
   Collection collection;

@@ -15,6 +15,7 @@ class RenderNoteCommand {
   // Registers the sub-command and its options on `app`.
   explicit RenderNoteCommand(CLI::App& app);
   bool Selected() const;
+  CLI::App* Command() const { return command_; }
   int Run(std::ostream& out, std::ostream& err) const;
 
   std::string bank;

@@ -1,5 +1,9 @@
 // `orlin settings`: list, read or change the stored settings file of this user, through the same
 // record and rules the program uses at start and exit.
+#include <CLI/CLI.hpp>
+#include <memory>
+
+#include "cli/command_registry.h"
 #include "cli/commands.h"
 #include "core/last_error.h"
 #include "core/settings.h"
@@ -35,6 +39,18 @@ int RunSettings(const std::vector<std::string>& arguments, std::ostream& out, st
   }
   err << "settings: use list, get NAME or set NAME VALUE\n";
   return kExitUsage;
+}
+
+}  // namespace orlin::cli
+
+namespace orlin::cli {
+
+std::pair<CLI::App*, CommandRunner> AddSettingsCommand(CLI::App& app, const GlobalOptions&, std::ostream& out,
+                                                        std::ostream& err) {
+  auto arguments = std::make_shared<std::vector<std::string>>();
+  auto* command = app.add_subcommand("settings", "Show or change stored settings: list, get NAME, set NAME VALUE");
+  command->add_option("arguments", *arguments, "list | get NAME | set NAME VALUE");
+  return {command, [arguments, &out, &err] { return RunSettings(*arguments, out, err); }};
 }
 
 }  // namespace orlin::cli

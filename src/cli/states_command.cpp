@@ -4,6 +4,7 @@
 #include <ctime>
 #include <filesystem>
 
+#include "cli/command_registry.h"
 #include "cli/commands.h"
 #include "core/format_table.h"
 #include "core/last_error.h"
@@ -91,7 +92,8 @@ int Run(const std::vector<std::string>& arguments, const std::string& output, st
 
 }  // namespace
 
-std::function<int()> AddStatesCommand(CLI::App& app, std::ostream& out, std::ostream& err) {
+std::pair<CLI::App*, CommandRunner> AddStatesCommand(CLI::App& app, const GlobalOptions&, std::ostream& out,
+                                                     std::ostream& err) {
   struct Request {
     std::vector<std::string> arguments;
     std::string output;
@@ -100,7 +102,7 @@ std::function<int()> AddStatesCommand(CLI::App& app, std::ostream& out, std::ost
   CLI::App* states = app.add_subcommand("states", "State files of the data folder: list, show NAME, restore NAME -o FILE");
   states->add_option("arguments", request->arguments, "list | show NAME | restore NAME");
   states->add_option("-o,--output", request->output, "File to write a restored state to");
-  return [states, request, &out, &err]() { return *states ? Run(request->arguments, request->output, out, err) : -1; };
+  return {states, [request, &out, &err]() { return Run(request->arguments, request->output, out, err); }};
 }
 
 }  // namespace orlin::cli

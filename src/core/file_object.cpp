@@ -4,9 +4,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
+
 #include <cerrno>
 
 #include "core/last_error.h"
+#include "core/save_transaction.h"
 
 namespace orlin {
 
@@ -38,16 +41,23 @@ bool FileObject::Open(const std::string& path, FileMode mode) {
       // A folder opens on Linux but is no file to read.
       if (::fstat(descriptor_, &info) != 0 || S_ISDIR(info.st_mode)) {
         Close();
+        errno = EISDIR;
       }
     }
     if (descriptor_ < 0) {
-      SetLastError("Could not open file");
+      const int code = errno;
+      SetLastError(FileErrorText("Could not open file", path, code));
+      errno = code;
       return false;
     }
   } else {
-    descriptor_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    const int flags = mode == FileMode::CreateNew ? O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC
+                                                  : O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC;
+    descriptor_ = ::open(path.c_str(), flags, 0666);
     if (descriptor_ < 0) {
-      SetLastError("Could not create file");
+      const int code = errno;
+      SetLastError(FileErrorText("Could not create file", path, code));
+      errno = code;
       return false;
     }
   }
@@ -88,6 +98,12 @@ bool FileObject::ReadAt(uint64_t offset, void* buffer, size_t bytes) {
 
 bool FileObject::Write(const void* buffer, size_t bytes) {
   if (descriptor_ < 0) return false;
+  // A full disk or a file-size limit must fail the write, not kill the process.
+  static const bool ignoreSizeSignal = [] {
+    ::signal(SIGXFSZ, SIG_IGN);
+    return true;
+  }();
+  (void)ignoreSizeSignal;
   size_t done = 0;
   const auto* in = static_cast<const char*>(buffer);
   while (done < bytes) {
@@ -98,6 +114,10 @@ bool FileObject::Write(const void* buffer, size_t bytes) {
   }
   return true;
 }
+
+bool FileObject::Sync() { return descriptor_ >= 0 && ::fsync(descriptor_) == 0; }
+
+int FileObject::Descriptor() const { return descriptor_; }
 
 bool FileObject::Seek(uint64_t offset) {
   return descriptor_ >= 0 && ::lseek(descriptor_, off_t(offset), SEEK_SET) >= 0;

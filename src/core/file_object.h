@@ -7,7 +7,8 @@
 
 namespace orlin {
 
-enum class FileMode { Read = 0, Create = 2 };
+// CreateNew makes a file that must not exist yet (the temporaries of a save), readable and writable.
+enum class FileMode { Read = 0, Create = 2, CreateNew = 3 };
 
 class FileObject {
  public:
@@ -18,7 +19,8 @@ class FileObject {
   FileObject& operator=(FileObject&& other) noexcept;
   ~FileObject();
 
-  // Opens `path`; false with the last-error text "Could not open file" / "Could not create file".
+  // Opens `path`; false with the last-error text "Could not open file" / "Could not create file", the
+  // path and the system's reason; errno stays that of the failure.
   bool Open(const std::string& path, FileMode mode);
   void Close();
   bool IsOpen() const { return descriptor_ >= 0; }
@@ -30,6 +32,9 @@ class FileObject {
   bool ReadAt(uint64_t offset, void* buffer, size_t bytes);
   bool Write(const void* buffer, size_t bytes);
   bool Seek(uint64_t offset);
+  // Waits until what was written is on the disk.
+  bool Sync();
+  int Descriptor() const;
   uint64_t Tell() const;
   // -1 when the size cannot be had.
   int64_t Size() const;

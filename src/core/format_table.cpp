@@ -118,6 +118,21 @@ std::string ExtensionOf(std::string_view path) {
   return dot == std::string_view::npos ? std::string() : std::string(name.substr(dot + 1));
 }
 
+int32_t RecognisedRowWithoutReader(std::string_view path) {
+  const std::string extension = ExtensionOf(path);
+  if (extension.empty()) return -1;
+  int32_t found = -1;
+  for (int32_t row = 1; row < kFormatRowCount; ++row) {
+    const FormatEntry& entry = FormatRows()[row];
+    if (std::string_view(entry.extension).find_first_of("?*") != std::string_view::npos ||
+        !ExtensionMatches(entry.extension, extension))
+      continue;
+    if (entry.read) return -1;
+    if (found < 0) found = row;
+  }
+  return found;
+}
+
 int32_t DetectFormatOfHead(std::string_view fileName, const uint8_t* head, uint32_t headBytes, uint64_t fileSize,
                            int32_t& confidence, int32_t* scoreOut) {
   confidence = 0;

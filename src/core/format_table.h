@@ -92,6 +92,9 @@ std::vector<std::pair<double, std::string>> GetSettingsList(int32_t row);
 bool ExtensionMatches(std::string_view pattern, std::string_view extension);
 // The extension after the last dot of the file name, or "".
 std::string ExtensionOf(std::string_view path);
+// The first row of the file's extension when no row of that extension has a reader yet (an AIFF or
+// DLS file today): the file is known, only not readable. -1 otherwise.
+int32_t RecognisedRowWithoutReader(std::string_view path);
 
 // Detects the row of an open file; -1 for none. `confidence` in percent (0 for row 0).
 int32_t DetectFileFormat(const std::string& path, FileObject& file, int32_t& confidence);

@@ -11,6 +11,7 @@
 #include "core/fixup.h"
 #include "core/last_error.h"
 #include "core/save_choice.h"
+#include "core/save_transaction.h"
 #include "core/settings.h"
 #include "core/text.h"
 #include "core/user_interface.h"
@@ -49,11 +50,6 @@ bool PathExists(const std::string& path) {
   return fs::exists(path, error);
 }
 
-void RemoveQuietly(const std::string& path) {
-  std::error_code error;
-  fs::remove(path, error);
-}
-
 std::string SizeText(uint64_t bytes) {
   char text[64];
   if (bytes < 1024) std::snprintf(text, sizeof text, "(%d Bytes)", int(bytes));
@@ -79,28 +75,46 @@ bool PreloadWavesFrom(Collection& collection, const std::string& path) {
 bool LoadingInProgress() { return loadingFlag; }
 bool SavingInProgress() { return savingFlag; }
 
-bool LoadFile(Collection& collection, const std::string& path, bool allowUnknown) {
+namespace {
+
+// Detection (when `forcedRow` is negative), the read and the fix-ups of one file.
+bool LoadWithRow(Collection& collection, const std::string& path, bool allowUnknown, int32_t forcedRow) {
   // Readers find files named inside this one through LocateFile, against this file's folder: the
   // process's current folder is left alone so that files can load in parallel.
   ResetLocateFolder();
   FileObject file;
   if (!file.Open(path, FileMode::Read)) {
+    // The text names the path and the reason.
     RemoveRecentFile(path);
-    SetLastError("Could not open file");
     return false;
   }
   if (file.Size() <= 0) {
     SetLastError("File is of zero size");
     return false;
   }
-  int32_t confidence = 0;
-  const int32_t row = DetectFileFormat(path, file, confidence);
+  int32_t row = forcedRow;
   if (row < 0) {
-    SetLastError("Not a supported import file type");
-    return false;
-  }
-  if (confidence == 0 && !allowUnknown) {
-    SetLastError("Not detected as any supported file type");
+    int32_t confidence = 0;
+    row = DetectFileFormat(path, file, confidence);
+    // A file of a known format whose reader is not written yet is said to be so, never read as noise.
+    if (row <= kUnrecognizedRow) {
+      const int32_t known = RecognisedRowWithoutReader(path);
+      if (known >= 0) {
+        SetLastError(GetRowDescription(known) + " (." + GetRowExtension(known) + ", row " + std::to_string(known) +
+                     ") is recognised but cannot be read yet");
+        return false;
+      }
+    }
+    if (row < 0) {
+      SetLastError("Not a supported import file type");
+      return false;
+    }
+    if (confidence == 0 && !allowUnknown) {
+      SetLastError("Not detected as any supported file type");
+      return false;
+    }
+  } else if (!GetFormatRow(row) || !GetFormatRow(row)->read) {
+    SetLastError("Row " + std::to_string(row) + " (" + GetRowDescription(row) + ") has no reader");
     return false;
   }
   collection.Clear();
@@ -133,6 +147,16 @@ bool LoadFile(Collection& collection, const std::string& path, bool allowUnknown
     return false;
   }
   return true;
+}
+
+}  // namespace
+
+bool LoadFile(Collection& collection, const std::string& path, bool allowUnknown) {
+  return LoadWithRow(collection, path, allowUnknown, -1);
+}
+
+bool LoadFileAsRow(Collection& collection, const std::string& path, int32_t row) {
+  return LoadWithRow(collection, path, true, row);
 }
 
 namespace {
@@ -368,51 +392,36 @@ bool SaveItem(Item* item, int32_t row, const std::string& path, const SaveOption
     }
   }
   SetStatus("Writing: " + saved->GetName() + " (" + entry->description + ")");
-  FileObject file;
-  if (!file.Open(path, FileMode::Create)) {
-    SetLastError("Could not create file");
-    return false;
-  }
+  // Every file of the save is written under a temporary name and renamed into place at the end.
+  SaveTransaction transaction;
+  FileObject* file = transaction.Create(path, true);
+  if (!file) return false;
   ClearLastError();
-  const bool written = CatchOutOfMemory([&] { return entry->write(saved, &file, &options); });
-  file.Close();
+  const bool written = CatchOutOfMemory([&] { return entry->write(saved, file, &options); });
   if (!written) {
-    if (LastError().empty()) SetLastError("Writing to file failed");
-    RemoveQuietly(path);
+    if (LastError().empty()) SetLastError(FileErrorText("Writing to file failed", path, 0));
     return false;
   }
+  // Waves not decoded yet from a file about to be replaced are read now, while it is the old one.
+  for (const std::string& replaced : transaction.ReplacedTargets())
+    if (!PreloadWavesFrom(collection, replaced)) return false;
+  if (!transaction.Commit()) return false;
+  SetLastSavedPaths(transaction.CommittedPaths());
   SetStatus("");
   return true;
 }
 
 bool SaveWithBackup(Item* item, const std::string& path, int32_t row, const SaveOptions& options, bool showStatus) {
   if (showStatus) SetStatus("Saving...");
-  const std::string backup = path + ".bak";
-  bool haveBackup = false;
-  if (PathExists(path)) {
-    // The file about to be replaced may still be the source of undecoded waves.
-    if (item && !PreloadWavesFrom(*item->collection, path)) return false;
-    std::error_code error;
-    fs::rename(path, backup, error);
-    if (error) {
-      SetLastError("Could not create file");
-      return false;
-    }
-    haveBackup = true;
-  }
+  // The old file is the backup: it is not moved or touched until the new one is complete and renamed
+  // over it, so a failed or interrupted save leaves it as it was and no ".bak" is ever made.
   if (!SaveItem(item, row, path, options)) {
     const std::string reason = LastError();
     if (showStatus) SetStatus("Failed to Save.", StatusMode::Failure);
-    RemoveQuietly(path);
-    if (haveBackup) {
-      std::error_code error;
-      fs::rename(backup, path, error);
-    }
     AddRecentFile(path, true, true);
     SetLastError(reason);
     return false;
   }
-  if (haveBackup) RemoveQuietly(backup);
   if (item->Type() == ItemType::Collection) {
     auto* collection = static_cast<Collection*>(item);
     collection->SetText(kTextSourceFile, path);

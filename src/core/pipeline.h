@@ -17,6 +17,9 @@ bool SavingInProgress();
 
 // Clears `collection` and reads `path` into it; false with the last-error text.
 bool LoadFile(Collection& collection, const std::string& path, bool allowUnknown);
+// Reads `path` with the reader of `row` whatever detection says (a headerless file the user knows);
+// row 0 reads it as raw data. False with the last-error text.
+bool LoadFileAsRow(Collection& collection, const std::string& path, int32_t row);
 // Opens a file or every file of a folder; false if any failed.
 bool OpenFile(Collection& collection, const std::string& path, OpenMode mode);
 bool MergeFile(Collection& collection, const std::string& path);
@@ -31,10 +34,11 @@ bool LocateFile(const std::string& sourcePath, const std::string& name, std::str
 // Forgets the folder remembered by LocateFile (at the start of each load).
 void ResetLocateFolder();
 
-// One prepared write of an item; no partial file is left on failure.
+// One prepared write of an item. Every file it writes goes through a SaveTransaction: on failure no
+// partial file is left and the old files are untouched; LastSavedPaths() lists what was written.
 bool SaveItem(Item* item, int32_t row, const std::string& path, const SaveOptions& options, bool noItemCheck = false);
-// SaveItem with the .bak protection: an old file is kept as ".bak" while the save runs, and put back
-// if it fails.
+// SaveItem with the reporting of a save. The old file stays in place, whole, until the new one is
+// complete and renamed over it, so it is its own backup; no ".bak" is made.
 bool SaveWithBackup(Item* item, const std::string& path, int32_t row, const SaveOptions& options, bool showStatus);
 // "Save collection": to the source file and row when that row holds a collection.
 bool SaveCollection(Collection& collection);

@@ -10,6 +10,9 @@ namespace orlin {
 // Modes of the status line: plain text, a failure, a progress label, a progress tick.
 enum class StatusMode { Plain = 0, Failure = 2, ProgressLabel = 3, Tick = 4 };
 
+// Answers to "a file this save did not create stands where it would write".
+enum class ReplaceAnswer { Replace = 0, KeepAndRename = 1, Cancel = 2 };
+
 class UserInterface {
  public:
   virtual ~UserInterface() = default;
@@ -30,6 +33,13 @@ class UserInterface {
   virtual bool AskSavePath(std::string_view title, const std::string& suggestedPath, std::string& pathOut) {
     return false;
   }
+  // A save is about to replace `path`, a file it did not create (a wave beside an instrument being
+  // written): replace it, keep it and write under a free name beside it, or cancel the save.
+  virtual ReplaceAnswer AskReplaceFile(const std::string& path) {
+    const int answer = Ask("File already exists!", "\"" + path + "\" already exists and was not made by this save.",
+                           {"Replace it", "Keep it, write under a new name", "Cancel the save"});
+    return answer == 0 ? ReplaceAnswer::Replace : answer == 1 ? ReplaceAnswer::KeepAndRename : ReplaceAnswer::Cancel;
+  }
 };
 
 // Answers without a person: every question takes its first button, nothing is located, nothing is
@@ -43,6 +53,8 @@ class SilentUserInterface : public UserInterface {
   void ProgressTick(uint64_t, uint64_t) override {}
   bool CancelRequested() override { return false; }
   bool OpenExternally(const std::string&) override { return false; }
+  // Nobody to ask: a file the save did not make is kept.
+  ReplaceAnswer AskReplaceFile(const std::string&) override { return ReplaceAnswer::KeepAndRename; }
 };
 
 // The process's current interface; never null.

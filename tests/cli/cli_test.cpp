@@ -30,19 +30,23 @@ TEST(CommandLine, FormatsJsonHasEveryRowWithTheTabledValues) {
 import json, sys
 rows = json.load(sys.stdin)
 assert len(rows) == 536, len(rows)
-want = {0: ('*', 'Unrecognized', True, False, '0x01', '0x00000000', '0x0'),
-        3: ('3gp', '3GPP', None, None, '0x01', '0x00120000', '0x1408'),
-        9: ('aac', 'MPEG 2 AAC - Low Complexity', False, True, '0x01', '0x00320000', '0x0'),
-        10: ('aac', 'MPEG 2 AAC - Main Profile', False, True, '0x01', '0x00320000', '0x1'),
-        15: ('aif', 'Audio interchange', None, None, '0x01', '0x00300035', '0x0'),
-        32: ('au', 'Sun/NeXT/DEC audio', None, None, '0x01', '0x00300375', '0x0'),
-        65: ('dls', 'DownLoadable Sounds level 2+', False, None, '0x91', '0x02122375', '0x3'),
-        233: ('mid', 'Standard MIDI', None, None, '0x60', '0x00080000', '0x0'),
-        310: ('pcg', 'Korg Trinity bank - Bank C..D', False, None, '0x90', '0x02100005', '0x23B'),
-        385: ('sf2', 'SoundFont v2 bank', None, None, '0x91', '0x02100014', '0x0'),
-        387: ('sf3', 'Compressed SoundFont', None, None, '0x91', '0x02120014', '0x3'),
-        441: ('txt', 'Ascii text parameter descriptions', False, None, '0xF3', '0x00040000', '0x0'),
-        535: ('zip', 'ZIP archive', True, False, '0x00', '0x00000000', '0x0')}
+want = {0: ('*', 'Unrecognized', True, False, 0x01, 0x00000000, 0x0),
+        3: ('3gp', '3GPP', None, None, 0x01, 0x00120000, 0x1408),
+        9: ('aac', 'MPEG 2 AAC - Low Complexity', False, True, 0x01, 0x00320000, 0x0),
+        10: ('aac', 'MPEG 2 AAC - Main Profile', False, True, 0x01, 0x00320000, 0x1),
+        15: ('aif', 'Audio interchange', None, None, 0x01, 0x00300035, 0x0),
+        32: ('au', 'Sun/NeXT/DEC audio', None, None, 0x01, 0x00300375, 0x0),
+        65: ('dls', 'DownLoadable Sounds level 2+', False, None, 0x91, 0x02122375, 0x3),
+        233: ('mid', 'Standard MIDI', None, None, 0x60, 0x00080000, 0x0),
+        310: ('pcg', 'Korg Trinity bank - Bank C..D', False, None, 0x90, 0x02100005, 0x23B),
+        385: ('sf2', 'SoundFont v2 bank', None, None, 0x91, 0x02100014, 0x0),
+        387: ('sf3', 'Compressed SoundFont', None, None, 0x91, 0x02120014, 0x3),
+        441: ('txt', 'Ascii text parameter descriptions', False, None, 0xF3, 0x00040000, 0x0),
+        535: ('zip', 'ZIP archive', True, False, 0x00, 0x00000000, 0x0)}
+# The data formats a row offers are all listed: the WAVE row has PCM and its MP3 settings alike.
+wav = rows[484]['dataFormats']
+assert 'PCM 16-bit' in wav and 'ADPCM 4-bit' in wav and any(f.startswith('MP3') for f in wav), wav
+assert rows[385]['items'] == ['waveform', 'instrument', 'collection'], rows[385]['items']
 for i, r in enumerate(rows):
     assert r['index'] == i
 for i, (ext, desc, rd, wr, mask, caps, var) in want.items():

@@ -8,6 +8,7 @@
 #include "core/last_error.h"
 #include "core/pipeline.h"
 #include "core/save_choice.h"
+#include "core/save_transaction.h"
 #include "formats/common/generic_rows.h"
 #include "test_support.h"
 
@@ -176,7 +177,7 @@ TEST(Loading, MessagesAndRawImport) {
   ScopedUserInterface scoped(ui);
   Collection collection;
   EXPECT_FALSE(LoadFile(collection, dir.File("missing.sb"), true));
-  EXPECT_EQ(LastError(), "Could not open file");
+  EXPECT_EQ(LastError(), "Could not open file \"" + dir.File("missing.sb") + "\": No such file or directory");
   test::WriteBytes(dir.File("empty.sb"), {});
   EXPECT_FALSE(LoadFile(collection, dir.File("empty.sb"), true));
   EXPECT_EQ(LastError(), "File is of zero size");
@@ -229,31 +230,38 @@ TEST(Loading, FolderMergesEveryFileAndPatchesStep) {
   EXPECT_FLOAT_EQ(waves[1]->GetSamplesForRead()[0], float(0x0202) / 32768.0f);
 }
 
-// Records whether the backup exists while the writer runs.
-class BackupWatcher : public ScriptedUserInterface {
+// Records what the target folder holds while the writer runs.
+class FolderWatcher : public ScriptedUserInterface {
  public:
-  std::string backupPath;
-  bool sawBackup = false;
+  std::filesystem::path folder;
+  std::vector<std::string> seenWhileWriting;
   void SetStatus(std::string_view text, StatusMode mode) override {
-    if (text.rfind("Writing: ", 0) == 0) sawBackup = std::filesystem::exists(backupPath);
+    if (text.rfind("Writing: ", 0) == 0)
+      for (const auto& entry : std::filesystem::directory_iterator(folder))
+        seenWhileWriting.push_back(entry.path().filename().string());
     ScriptedUserInterface::SetStatus(text, mode);
   }
 };
 
-TEST(Saving, BackupLivesOnlyDuringTheSave) {
+TEST(Saving, OldFileStaysWholeAndNoBackupIsMade) {
   ScratchDir dir;
-  BackupWatcher ui;
+  FolderWatcher ui;
   ScopedUserInterface scoped(ui);
+  ui.folder = dir.Path();
   const std::string path = dir.File("out.sw");
-  ui.backupPath = path + ".bak";
+  const std::string backup = path + ".bak";
   test::WriteBytes(path, {1, 2, 3, 4});
+  // A file of the user's that happens to have the old backup name is never touched.
+  test::WriteBytes(backup, {9, 9});
   Collection collection;
   Waveform* wave = MakeWave(collection, 1, 1, 100);
   const int32_t row = RowOf("sw", "Signed words (16-bit) - Little Endian");
   ASSERT_TRUE(SaveWithBackup(wave, path, row, DefaultSaveOptions(row), true));
-  EXPECT_TRUE(ui.sawBackup);
-  EXPECT_FALSE(std::filesystem::exists(ui.backupPath));
+  // While the writer ran, the old file stood under its own name.
+  EXPECT_NE(std::find(ui.seenWhileWriting.begin(), ui.seenWhileWriting.end(), "out.sw"), ui.seenWhileWriting.end());
+  EXPECT_EQ(test::ReadBytes(backup), (std::vector<uint8_t>{9, 9}));
   EXPECT_EQ(std::filesystem::file_size(path), 200u);
+  EXPECT_EQ(LastSavedPaths(), std::vector<std::string>{path});
   EXPECT_NE(std::find_if(ui.statusLines.begin(), ui.statusLines.end(),
                          [](const std::string& s) { return s.find("Saved: ") == 0 && s.find("(200 Bytes)") != std::string::npos; }),
             ui.statusLines.end());
@@ -264,7 +272,7 @@ TEST(Saving, BackupLivesOnlyDuringTheSave) {
   const auto before = test::ReadBytes(path);
   EXPECT_FALSE(SaveWithBackup(wave, path, row, twelveBit, true));
   EXPECT_EQ(test::ReadBytes(path), before);
-  EXPECT_FALSE(std::filesystem::exists(ui.backupPath));
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.Path()), {}), 2) << "no temporary is left";
   // With no old file, nothing at all remains.
   EXPECT_FALSE(SaveWithBackup(wave, dir.File("new.sw"), row, twelveBit, false));
   EXPECT_FALSE(std::filesystem::exists(dir.File("new.sw")));

@@ -4,6 +4,7 @@
 // text or into a sub-folder named after the instrument, as .wav, or .flac/.ogg when asked and a writer
 // for them is present.
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
@@ -13,7 +14,9 @@
 #include "core/collection.h"
 #include "core/file_object.h"
 #include "core/last_error.h"
+#include "core/wave_stream.h"
 #include "core/pipeline.h"
+#include "core/save_transaction.h"
 #include "core/text.h"
 #include "core/user_interface.h"
 #include "formats/audio/wav.h"
@@ -240,18 +243,14 @@ Articulation Effective(const Articulation& own, const Articulation& parent) {
   return result;
 }
 
+// Every file of the kit goes through the save's transaction: written under a temporary name and
+// renamed into place with the others, so a kit saved over itself (or over the folder its waves come
+// from) never truncates a wave that is still to be read.
 bool WriteText(const std::string& path, const std::string& text, FileObject* given) {
-  FileObject own;
-  FileObject* file = given;
-  if (!file) {
-    if (!own.Open(path, FileMode::Create)) {
-      SetLastError("Could not create file");
-      return false;
-    }
-    file = &own;
-  }
+  FileObject* file = given ? given : CreateSaveFile(path);
+  if (!file) return false;
   if (!file->Write(text.data(), text.size())) {
-    SetLastError("Writing to file failed");
+    SetLastError(FileErrorText("Writing to file failed", path, errno));
     return false;
   }
   return true;
@@ -262,18 +261,27 @@ struct WaveTarget {
   int32_t row = -1;  // a compressed writer's row; -1 writes RIFF WAVE
 };
 
-// Writes one wave file; a failure is shown and the save goes on.
-bool WriteWaveFile(Waveform& wave, const std::string& path, const WaveTarget& target, const SaveOptions& options) {
-  FileObject file;
-  if (!file.Open(path, FileMode::Create)) return false;
+enum class WaveResult { Written, Unreadable, Failed };
+
+// Writes one wave file; `finalPath` gets the name it will have (another one when the user keeps a file
+// of that name). The wave's source is opened before the file is made, so a wave that cannot be read
+// makes no file; a wave whose file cannot be written fails the whole save, leaving the old kit as it
+// was. RIFF WAVE samples stream from the source in blocks, never whole in memory.
+WaveResult WriteWaveFile(Waveform& wave, const std::string& path, const WaveTarget& target,
+                         const SaveOptions& options, std::string& finalPath) {
+  finalPath = path;
+  if (target.row < 0 && !OpenWaveStream(wave)) return WaveResult::Unreadable;
+  if (target.row >= 0 && !wave.Preload()) return WaveResult::Unreadable;
+  FileObject* file = CreateSaveFile(path, &finalPath);
+  if (!file) return WaveResult::Failed;
   if (target.row >= 0) {
     const FormatEntry* entry = GetFormatRow(target.row);
     SaveOptions waveOptions = options;
     waveOptions.caps = entry->caps;
     waveOptions.variant = entry->variant;
-    return entry->write(&wave, &file, &waveOptions);
+    return entry->write(&wave, file, &waveOptions) ? WaveResult::Written : WaveResult::Failed;
   }
-  return WriteWaveToFile(wave, file, WaveWriteParams{});
+  return WriteWaveToFile(wave, *file, WaveWriteParams{}) ? WaveResult::Written : WaveResult::Failed;
 }
 
 std::string RegionText(const Region& region, const std::string& sample, bool v2,
@@ -406,9 +414,11 @@ bool WriteInstrument(Instrument& instrument, const std::string& path, FileObject
         std::string name = base + "." + target.extension;
         for (int n = 2; usedNames.count(ToLowerAscii(name)); ++n) name = base + " " + std::to_string(n) + "." + target.extension;
         usedNames.insert(ToLowerAscii(name));
-        if (!WriteWaveFile(*wave, (waveFolder / name).string(), target, options))
-          Ui().Warn("Error!", LastError());
-        known = waveFiles.names.emplace(std::make_pair(wave, folderKey), name).first;
+        std::string finalPath;
+        const WaveResult result = WriteWaveFile(*wave, (waveFolder / name).string(), target, options, finalPath);
+        if (result == WaveResult::Failed) return false;
+        if (result == WaveResult::Unreadable) Ui().Warn("Error!", wave->GetName() + ": " + LastError());
+        known = waveFiles.names.emplace(std::make_pair(wave, folderKey), fs::path(finalPath).filename().string()).first;
       }
       text += RegionText(*region, known->second, v2, layerEffective);
     }
@@ -441,15 +451,15 @@ bool WriteSfz(Item* item, FileObject* file, const SaveOptions* options) {
       target.row = row;
     }
   }
-  const std::string path = file->Path();
+  const std::string path = SavePathOf(*file);
   const fs::path folder = fs::path(path).parent_path();
   const auto& instruments = view.Instruments();
   WaveFiles waveFiles;
   for (size_t i = 0; i < instruments.size(); ++i) {
-    // Further instruments get files of their own: the collection's name plus the instrument's.
+    // Further instruments get files of their own, named as the file the user chose plus the instrument.
     std::string targetPath = path;
     if (i > 0) {
-      const std::string name = FileNameFromItemName(view.Owner().GetName() + " " + instruments[i]->GetName());
+      const std::string name = FileNameFromItemName(fs::path(path).stem().string() + " " + instruments[i]->GetName());
       targetPath = (folder / (name + ".sfz")).string();
     }
     if (!WriteInstrument(*instruments[i], targetPath, i == 0 ? file : nullptr, v2, subFolder, *options, target,
