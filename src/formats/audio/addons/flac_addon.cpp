@@ -282,7 +282,8 @@ bool EncodeFlac(FileObject& file, const EncodeInput& input, uint32_t bits, uint3
     std::vector<float> pulled(input.pull ? block.size() : 0);
     for (uint32_t at = 0; ok && (input.pull || at < input.frames);) {
       uint32_t count = std::min<uint32_t>(kBlockFrames, input.frames - at);
-      const float* source = input.samples + size_t(at) * input.channels;
+      // A pulled wave has no samples in memory: the pointer is only formed for one that has.
+      const float* source = input.pull ? nullptr : input.samples + size_t(at) * input.channels;
       if (input.pull) {
         // Blocks come as the source decodes them; the encoder rewrites its stream header with the
         // count that really came.
