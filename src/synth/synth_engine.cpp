@@ -349,7 +349,11 @@ void SynthEngine::Dispatch(uint32_t message) {
     case 0xA0:
       for (SynthNote& note : notes_) {
         if (!note.active || note.channel != channel || note.key != (data1 & 0x7F)) continue;
-        for (int v = 0; v < note.voiceCount; ++v) voices_[size_t(note.voices[v])].pressure = float(data2 & 0x7F) / 127.0f;
+        for (int v = 0; v < note.voiceCount; ++v) {
+          Voice& voice = voices_[size_t(note.voices[v])];
+          voice.keyPressure = float(data2 & 0x7F) / 127.0f;
+          voice.pressure = std::max(voice.keyPressure, ch.pressure.value);
+        }
       }
       break;
     case 0xB0: ControlChange(channel, data1, data2 & 0x7F); break;
@@ -1086,7 +1090,7 @@ bool SynthEngine::RenderBlock(float* out) {
     const SynthChannel& ch = channels_[voice.channel];
     voice.wheel = ch.wheel.value;
     voice.bend = ch.bend.value;
-    voice.pressure = ch.pressure.value;
+    voice.pressure = std::max(ch.pressure.value, voice.keyPressure);
     voice.tuneOffset = ch.fineTune + float(ch.coarseTune) + ch.portamentoPosition;
   }
 

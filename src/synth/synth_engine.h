@@ -134,6 +134,7 @@ struct Voice {
   uint16_t channel = 0;
   float key = 60.0f, velocity = 1.0f, bipolar = 1.0f, bendRange = 2.0f;
   float wheel = 0.0f, pressure = 0.0f, bend = 0.0f, tuneOffset = 0.0f;
+  float keyPressure = 0.0f;  // poly pressure of the voice's key; the larger of it and the channel's counts
   float delayLeft = 0.0f;
   bool releasePending = false, shutdownPending = false, released = false, shuttingDown = false;
   bool softPedal = false, finished = false, held = false;

@@ -333,6 +333,36 @@ TEST(SynthEngine, PostedEventsPlayInTheirBlockFromAnyThread) {
   EXPECT_EQ(engine.VoiceCount(), 2);
 }
 
+TEST(SynthEngine, ChannelVolumePanAndPolyPressureShapeTheOutput) {
+  auto render = [](std::initializer_list<uint32_t> setup, uint32_t after = 0) {
+    GeneratedBank bank;
+    Instrument* instrument = SineInstrument(bank);
+    Region* region = OnlyRegion(instrument);
+    region->articulation.Set(18, -12.0f);  // aftertouch to volume: -12 dB at full pressure
+    SynthEngine engine(16, 32, 1.0f, kRate, 1);
+    engine.SelectInstrument(0, engine.LoadInstrument(*instrument));
+    for (uint32_t message : setup) engine.Dispatch(message);
+    engine.Dispatch(NoteOnMsg(69, 127));
+    if (after) engine.Dispatch(after);
+    std::vector<float> out;
+    Blocks(engine, 100, &out);
+    std::vector<float> left(out.size() / 2 - 4800), right(out.size() / 2 - 4800);
+    for (size_t i = 0; i < left.size(); ++i) left[i] = out[2 * (i + 4800)], right[i] = out[2 * (i + 4800) + 1];
+    return std::pair{test::RmsEnvelope(left, left.size()).at(0), test::RmsEnvelope(right, right.size()).at(0)};
+  };
+  const auto full = render({Cc(7, 127)});
+  const auto half = render({Cc(7, 64)});
+  EXPECT_NEAR(20 * std::log10(half.first / full.first), 40 * std::log10(64.0 / 127.0), 0.05);  // squared curve
+  EXPECT_NEAR(full.first, full.second, 1e-6);                                              // centre: equal power
+  const auto leftOnly = render({Cc(7, 127), Cc(10, 0)});
+  EXPECT_NEAR(20 * std::log10(leftOnly.first / full.first), 3.01, 0.05);
+  EXPECT_LT(leftOnly.second, 1e-6);
+  const auto rightOnly = render({Cc(7, 127), Cc(10, 127)});
+  EXPECT_LT(rightOnly.first, 1e-6);
+  const auto pressed = render({Cc(7, 127)}, PackMessage(0xA0, 69, 127));
+  EXPECT_NEAR(20 * std::log10(pressed.first / full.first), -12.0, 0.1);
+}
+
 // Pitch at every key, measured from the output: plain, with full bend over an RPN range, with RPN
 // fine and coarse tuning, and with loop tuning (which starts at the first wrap of the loop).
 TEST(SynthEngine, PitchIsWithinOneCentAtEveryKey) {
