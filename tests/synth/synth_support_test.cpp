@@ -8,10 +8,25 @@
 #include "test_support.h"
 
 // The allocation guard: every global allocation passes here; inside a ForbidAllocations scope it is
-// counted as a fault (and still served, so the test can report rather than crash).
+// counted as a fault (and still served, so the test can report rather than crash). Sanitizer builds
+// keep their own operators, which see every allocation and free.
 std::atomic<bool> orlin::synth::test::gForbidAllocations{false};
 std::atomic<int> orlin::synth::test::gForbiddenAllocations{0};
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define ORLIN_ALLOCATION_GUARD 0
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || __has_feature(memory_sanitizer)
+#define ORLIN_ALLOCATION_GUARD 0
+#endif
+#endif
+#ifndef ORLIN_ALLOCATION_GUARD
+#define ORLIN_ALLOCATION_GUARD 1
+#endif
+
+bool orlin::synth::test::AllocationGuardActive() { return ORLIN_ALLOCATION_GUARD; }
+
+#if ORLIN_ALLOCATION_GUARD
 namespace {
 void* GuardedAllocate(std::size_t size, std::size_t alignment) {
   if (orlin::synth::test::gForbidAllocations.load(std::memory_order_relaxed))
@@ -36,6 +51,7 @@ void operator delete(void* p, std::align_val_t) noexcept { std::free(p); }
 void operator delete[](void* p, std::align_val_t) noexcept { std::free(p); }
 void operator delete(void* p, std::size_t, std::align_val_t) noexcept { std::free(p); }
 void operator delete[](void* p, std::size_t, std::align_val_t) noexcept { std::free(p); }
+#endif
 
 namespace orlin::synth::test {
 

@@ -26,6 +26,8 @@ struct GeneratedBank {
 // Counts allocations made while a ForbidAllocations scope is open, on any thread.
 extern std::atomic<bool> gForbidAllocations;
 extern std::atomic<int> gForbiddenAllocations;
+// False in sanitizer builds, whose own allocator replaces ours: the count stays 0 there.
+bool AllocationGuardActive();
 struct ForbidAllocations {
   ForbidAllocations() { gForbidAllocations.store(true); }
   ~ForbidAllocations() { gForbidAllocations.store(false); }
