@@ -561,7 +561,7 @@ void MakeRising(std::vector<Record>& records, Field field) {
 // exists, against what the bank's own zones can justify: a region stands for a pair of zones, and real
 // banks reuse an instrument in a handful of presets, not in thousands.
 bool WithinBudget(const SoundFontFile& bank) {
-  constexpr uint64_t kRegionsPerZone = 16, kRegionFloor = 65536;
+  constexpr uint64_t kRegionsPerZone = 4, kRegionFloor = 16384;
   constexpr uint64_t kReadsPerTableEntry = 64, kReadFloor = 1u << 22;
   const uint64_t zones = bank.presetBags.size() + bank.instrumentBags.size();
   const uint64_t regionBudget = kRegionsPerZone * zones + kRegionFloor;
