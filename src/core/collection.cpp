@@ -581,7 +581,10 @@ Layer::~Layer() {
     // The child is off the list already: it must not search the list for itself, which made
     // deleting a level of many children quadratic.
     Item* child = collection->FindItem(childId);
-    if (child && child->parentId == id) child->parentId = kNullId;
+    // Only a child this item owns goes with it; a damaged list naming the item itself or another
+    // item's child is only dropped, and the collection deletes what hangs nowhere.
+    if (!child || child == this || child->parentId != id) continue;
+    child->parentId = kNullId;
     delete child;
   }
   if (Item* parent = Parent()) parent->RemoveChild(id);
@@ -760,7 +763,10 @@ Instrument::~Instrument() {
     // The child is off the list already: it must not search the list for itself, which made
     // deleting a level of many children quadratic.
     Item* child = collection->FindItem(childId);
-    if (child && child->parentId == id) child->parentId = kNullId;
+    // Only a child this item owns goes with it; a damaged list naming the item itself or another
+    // item's child is only dropped, and the collection deletes what hangs nowhere.
+    if (!child || child == this || child->parentId != id) continue;
+    child->parentId = kNullId;
     delete child;
   }
 }
@@ -923,7 +929,10 @@ Song::~Song() {
     // The child is off the list already: it must not search the list for itself, which made
     // deleting a level of many children quadratic.
     Item* child = collection->FindItem(childId);
-    if (child && child->parentId == id) child->parentId = kNullId;
+    // Only a child this item owns goes with it; a damaged list naming the item itself or another
+    // item's child is only dropped, and the collection deletes what hangs nowhere.
+    if (!child || child == this || child->parentId != id) continue;
+    child->parentId = kNullId;
     delete child;
   }
 }
