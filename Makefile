@@ -19,7 +19,7 @@ bootstrap:
 	@bash tools/bootstrap
 
 $(BUILD_DIR)/build.ninja:
-	cmake -S . -B $(BUILD_DIR) -G Ninja $(LAUNCHER) $(CMAKE_FLAGS)
+	cmake -S . -B $(BUILD_DIR) -G Ninja $(LAUNCHER) -DORLIN_WERROR=ON $(CMAKE_FLAGS)
 
 build: bootstrap $(BUILD_DIR)/build.ninja
 	cmake --build $(BUILD_DIR) -j $(JOBS)
@@ -37,7 +37,7 @@ test: build
 # One clang build with AddressSanitizer and UndefinedBehaviorSanitizer serves both the sanitized test
 # run and the libFuzzer targets.
 sanitize-build: bootstrap
-	CC=clang CXX=clang++ cmake -S . -B $(SANITIZE_DIR) -G Ninja $(LAUNCHER) -DORLIN_FUZZ=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_FLAGS)
+	CC=clang CXX=clang++ cmake -S . -B $(SANITIZE_DIR) -G Ninja $(LAUNCHER) -DORLIN_FUZZ=ON -DORLIN_WERROR=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_FLAGS)
 	cmake --build $(SANITIZE_DIR) -j $(JOBS)
 
 sanitize: sanitize-build
