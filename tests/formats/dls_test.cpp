@@ -172,7 +172,7 @@ TEST(Dls, PoolWavesDecodeAsSoxReadsThem) {
 
 // --- hand-made banks ---------------------------------------------------------------------------------
 
-struct WaveSpec {
+struct WaveLayout {
   int unityNote = 60;
   int fineTune = 0;
   bool loop = true;
@@ -195,14 +195,14 @@ void PutWsmp(RiffWriter& riff, int note, int fine, bool loop, uint32_t start, ui
   riff.Chunk(FourCC("wsmp"), w.Bytes().data(), w.Size());
 }
 
-struct RegionSpec {
+struct RegionLayout {
   int loKey, hiKey;
   uint32_t tableIndex;
   bool ownWsmp = false;  // with a loopless wsmp of its own
 };
 
 // A bank of one wave (100 frames, loop 10..90) and one instrument; `form` "DLS " or "MLS ".
-std::vector<uint8_t> MakeBank(const WaveSpec& waveSpec, const std::vector<RegionSpec>& regions, bool poolTable,
+std::vector<uint8_t> MakeBank(const WaveLayout& waveLayout, const std::vector<RegionLayout>& regions, bool poolTable,
                               const char* form = "DLS ", const std::vector<uint8_t>& song = {}) {
   RiffWriter riff;
   riff.Begin(FourCC("RIFF"), uint32_t(uint8_t(form[0]) | uint8_t(form[1]) << 8 | uint8_t(form[2]) << 16 |
@@ -221,23 +221,23 @@ std::vector<uint8_t> MakeBank(const WaveSpec& waveSpec, const std::vector<Region
   riff.Chunk(FourCC("insh"), insh.Bytes().data(), insh.Size());
   size_t lrgn = riff.Open(FourCC("LIST"));
   riff.Body().Append("lrgn");
-  for (const RegionSpec& spec : regions) {
+  for (const RegionLayout& layout : regions) {
     size_t rgn = riff.Open(FourCC("LIST"));
     riff.Body().Append("rgn ");
     ByteWriter rgnh;
-    rgnh.U16(uint16_t(spec.loKey));
-    rgnh.U16(uint16_t(spec.hiKey));
+    rgnh.U16(uint16_t(layout.loKey));
+    rgnh.U16(uint16_t(layout.hiKey));
     rgnh.U16(0);
     rgnh.U16(127);
     rgnh.U16(0);
     rgnh.U16(0);
     riff.Chunk(FourCC("rgnh"), rgnh.Bytes().data(), rgnh.Size());
-    if (spec.ownWsmp) PutWsmp(riff, 60, 0, false, 0, 0);
+    if (layout.ownWsmp) PutWsmp(riff, 60, 0, false, 0, 0);
     ByteWriter wlnk;
     wlnk.U16(0);
     wlnk.U16(0);
     wlnk.U32(1);
-    wlnk.U32(spec.tableIndex);
+    wlnk.U32(layout.tableIndex);
     riff.Chunk(FourCC("wlnk"), wlnk.Bytes().data(), wlnk.Size());
     riff.Close(rgn);
   }
@@ -263,7 +263,7 @@ std::vector<uint8_t> MakeBank(const WaveSpec& waveSpec, const std::vector<Region
   fmt.U16(2);
   fmt.U16(16);
   riff.Chunk(FourCC("fmt "), fmt.Bytes().data(), fmt.Size());
-  PutWsmp(riff, waveSpec.unityNote, waveSpec.fineTune, waveSpec.loop, 10, 80);
+  PutWsmp(riff, waveLayout.unityNote, waveLayout.fineTune, waveLayout.loop, 10, 80);
   std::vector<uint8_t> data(200);
   for (size_t i = 0; i < data.size(); i += 2) data[i + 1] = uint8_t(i);
   riff.Chunk(FourCC("data"), data.data(), data.size());
