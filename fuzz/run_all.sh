@@ -3,7 +3,9 @@
 # a ceiling on memory (512 MB resident, 256 MB in one allocation) and 10 s per input, so that a reader
 # that trusts a forged size or works quadratically fails here rather than at a user's. A target's
 # seeds are the files listed, one glob a line, in fuzz/<target>.seeds, relative to the outside test
-# corpus (../shared/testdata).
+# corpus (../shared/testdata). The seed of libFuzzer's own randomness is fixed (FUZZ_SEED, 1 unless
+# set) so that a run is repeatable where it failed; FUZZ_SEED=0 asks for a fresh one each run, which
+# is how longer searches on a developer's machine go.
 set -euo pipefail
 build_dir=${1:-build-sanitize}
 seconds=${2:-30}
@@ -31,7 +33,7 @@ run_one() {
   fi
   echo "fuzz: $name for ${seconds}s with $(ls "$corpus" | wc -l) seeds"
   local status=0
-  "$fuzzer" -artifact_prefix="$build_dir/" -max_total_time="$seconds" -max_len=65536 -rss_limit_mb=512 -malloc_limit_mb=256 -timeout=10 -print_final_stats=0 \
+  "$fuzzer" -seed="${FUZZ_SEED:-1}" -artifact_prefix="$build_dir/" -max_total_time="$seconds" -max_len=65536 -rss_limit_mb=512 -malloc_limit_mb=256 -timeout=10 -print_final_stats=0 \
       "$corpus" > "$build_dir/$name.log" 2>&1 || status=$?
   rm -rf "$corpus"
   if [ $status -ne 0 ]; then

@@ -705,6 +705,12 @@ bool DecodeCodedSamples(Waveform* wave, FileObject* file, uint32_t tag, const st
   if (MayNameLeadingHeader(tag) && params.extensionBytes >= 2)
     skip = std::min<uint64_t>(params.extension[0] | params.extension[1] << 8, available);
   uint64_t byteCount = available - skip;
+  // The header's length was checked against the data chunk's stated size; a chunk that claims more
+  // than the file holds gets the same densest-rate bound again, now from the bytes really there.
+  constexpr uint64_t kCodecFrameSlack = 1152;
+  const double bitsPerFrame = double(params.channels) * (params.bitsPerSample <= 1 ? 0.125 : params.bitsPerSample / 2.0);
+  const uint64_t mostFrames = uint64_t(double(byteCount) * 8.0 / bitsPerFrame) + kCodecFrameSlack;
+  wave->length = uint32_t(std::min<uint64_t>(wave->length, mostFrames));
   if (const uint64_t needed = BytesForFrames(*codec, params, wave->length)) byteCount = std::min(byteCount, needed);
   if (byteCount >= kMaxDecodeBytes) return Fail("Wave is too big!");
   std::vector<uint8_t> bytes;
@@ -721,16 +727,19 @@ bool DecodeCodedSamples(Waveform* wave, FileObject* file, uint32_t tag, const st
     codecs::DecodeAndPad(*codec, bytes.data(), bytes.size(), params, samples, wave->length);
     return true;
   }
-  // More than two channels: decode them all, keep the first two of each frame.
+  // More than two channels: decode them all, keep the first two of each frame. Only the frames the
+  // bytes reach are decoded, so a wide forged layout costs no more than its data; the rest is silence.
+  const uint64_t decoded = std::min<uint64_t>(wave->length, codec->frames(bytes.size(), params));
   std::vector<float> all;
   try {
-    all.resize(size_t(wave->length) * params.channels);
+    all.resize(size_t(decoded) * params.channels);
   } catch (const std::bad_alloc&) {
     return Fail("Out of memory");
   }
-  codecs::DecodeAndPad(*codec, bytes.data(), bytes.size(), params, all.data(), wave->length);
-  for (uint64_t frame = 0; frame < wave->length; ++frame)
+  codecs::DecodeAndPad(*codec, bytes.data(), bytes.size(), params, all.data(), decoded);
+  for (uint64_t frame = 0; frame < decoded; ++frame)
     for (uint32_t c = 0; c < keptChannels; ++c) samples[frame * keptChannels + c] = all[frame * params.channels + c];
+  std::fill(samples + decoded * keptChannels, samples + uint64_t(wave->length) * keptChannels, 0.0f);
   return true;
 }
 
