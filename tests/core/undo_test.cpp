@@ -265,6 +265,19 @@ TEST_F(DataFolderTest, WrongVersionAndDamageLeaveTheCollectionAlone) {
       EXPECT_EQ(scratch.AllItems().size(), 1u);
     }
   }
+  // A layer that names itself as its child (a loop its destructor would follow) is refused whole.
+  {
+    size_t at = 12;
+    for (ItemType type : {ItemType::Waveform, ItemType::SynthesisModel, ItemType::Region})
+      for (const Item* item : source.AllItems())
+        if (item->Type() == type) at += item->SerializedSize();
+    const Layer* layer = *source.All<Layer>().begin();
+    ASSERT_FALSE(layer->children.empty());
+    std::vector<uint8_t> looped = bytes;
+    std::memcpy(looped.data() + at + 24, &layer->id, 4);
+    Collection scratch;
+    EXPECT_FALSE(DeserializeState(scratch, looped.data(), looped.size()));
+  }
   // An empty file on disk is no state.
   test::WriteBytes(scratch_.File("empty.ost"), {});
   EXPECT_FALSE(LoadStateFromPath(target, scratch_.File("empty.ost")));
