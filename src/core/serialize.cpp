@@ -392,7 +392,10 @@ struct ItemCodec {
     wave.loop.tune = in.F32();
     wave.dataFormat = in.U8();
     wave.sourceOffset = in.U64();
-    wave.decoder = DecoderFromWord(in.U64());
+    const uint64_t decoderWord = in.U64();
+    wave.decoder = DecoderFromWord(decoderWord);
+    // Written by another build: the decoder is found again from the source file after the load.
+    if (decoderWord != 0 && !wave.decoder) wave.flag = kFlagDecoderToFind;
     const uint8_t bytesPerSample = in.U8();
     wave.DropData();
     if (bytesPerSample == kBytesPerStoredSample) {

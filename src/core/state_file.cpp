@@ -13,11 +13,13 @@
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
+#include <map>
 #include <memory>
 
 #include "core/byte_stream.h"
 #include "core/collection.h"
 #include "core/last_error.h"
+#include "core/pipeline.h"
 
 namespace orlin {
 
@@ -155,7 +157,32 @@ bool DeserializeState(Collection& collection, const uint8_t* bytes, size_t size)
   collection.Clear();
   collection.TakeItemsFrom(*scratch);
   collection.Deserialize(collectionRecord, end);
+  RelinkDecoders(collection);
   return true;
+}
+
+int RelinkDecoders(Collection& collection) {
+  // Waves by source file; each file is read once, its waves matched by where their samples lie.
+  std::map<std::string, std::vector<Waveform*>> byFile;
+  for (Waveform* wave : collection.All<Waveform>())
+    if (wave->flag == kFlagDecoderToFind) byFile[wave->GetSourcePath()].push_back(wave);
+  int found = 0;
+  for (auto& [path, waves] : byFile) {
+    Collection source;
+    if (!path.empty() && path[0] != '<' && LoadFile(source, path, false)) {
+      for (Waveform* wave : waves)
+        for (const Waveform* candidate : source.All<Waveform>())
+          if (candidate->decoder && candidate->sourceOffset == wave->sourceOffset &&
+              candidate->sourceOffsetB == wave->sourceOffsetB && candidate->sourceFormat == wave->sourceFormat &&
+              candidate->length == wave->length && candidate->channels == wave->channels) {
+            wave->decoder = candidate->decoder;
+            ++found;
+            break;
+          }
+    }
+    for (Waveform* wave : waves) wave->flag = 0;
+  }
+  return found;
 }
 
 namespace {
