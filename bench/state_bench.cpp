@@ -85,9 +85,9 @@ void BM_LoadStateFile(benchmark::State& state) {
   state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(std::filesystem::file_size(orlin::StateFilePath("bench"))));
 }
 
-BENCHMARK(BM_SerializeState)->Unit(benchmark::kMillisecond)->MinTime(2.0);
-BENCHMARK(BM_SaveStateFile)->Unit(benchmark::kMillisecond)->MinTime(2.0);
-BENCHMARK(BM_PlainWriteSameSize)->Unit(benchmark::kMillisecond)->MinTime(2.0);
-BENCHMARK(BM_LoadStateFile)->Unit(benchmark::kMillisecond)->MinTime(2.0);
+BENCHMARK(BM_SerializeState)->Unit(benchmark::kMillisecond)->MinTime(2.0)->UseRealTime();
+BENCHMARK(BM_SaveStateFile)->Unit(benchmark::kMillisecond)->MinTime(2.0)->UseRealTime();
+BENCHMARK(BM_PlainWriteSameSize)->Unit(benchmark::kMillisecond)->MinTime(2.0)->UseRealTime();
+BENCHMARK(BM_LoadStateFile)->Unit(benchmark::kMillisecond)->MinTime(2.0)->UseRealTime();
 
 }  // namespace

@@ -14,6 +14,7 @@
 #include "core/collection.h"
 #include "core/last_error.h"
 #include "core/pipeline.h"
+#include "core/state_file.h"
 
 namespace orlin {
 
@@ -127,6 +128,8 @@ bool PasteItemsFromBlock(Collection& collection, const std::vector<uint8_t>& blo
       return false;
     }
   }
+  // Waves copied by another build of the program find their decoders from their files again.
+  RelinkDecoders(*scratch);
   // The old ids of the waves, by their new item after the merge: the merge renumbers.
   std::unordered_map<Item*, uint32_t> oldIds;
   for (Item* item : scratch->AllItems())

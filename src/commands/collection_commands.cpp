@@ -13,6 +13,7 @@
 #include "core/normalisers.h"
 #include "core/pipeline.h"
 #include "core/settings.h"
+#include "core/state_file.h"
 
 namespace orlin {
 
@@ -69,6 +70,58 @@ CommandResult CollectionCommands::ClearAll() {
   // Nothing of the old collection can be redone or undone into the empty one.
   undo_.ClearUndo();
   return Report(true, "Done: Collection cleared.");
+}
+
+CommandResult CollectionCommands::OpenFiles(const std::vector<std::string>& paths) {
+  if (paths.empty() || !ConfirmDiscard("Confirm loading file!", true)) return {};
+  // The first file that opens replaces the collection; later ones are merged into it.
+  bool opened = false;
+  std::string failure;
+  for (const std::string& path : paths) {
+    if (OpenFile(collection_, path, opened ? OpenMode::Merge : OpenMode::Replace)) {
+      if (!opened) undo_.ClearUndo();  // nothing before the new file can be undone into it
+      opened = true;
+    } else {
+      failure = path + ": " + LastError();
+    }
+  }
+  if (!opened) return Report(false, "Failed: " + failure, StatusMode::Failure);
+  return Report(true, failure.empty() ? "Done: Opened " + Plural(int(paths.size()), "file") : "Failed: " + failure,
+                failure.empty() ? StatusMode::Plain : StatusMode::Failure);
+}
+
+CommandResult CollectionCommands::MergeFiles(const std::vector<std::string>& paths) {
+  if (paths.empty()) return {};
+  std::unordered_set<const Item*> before;
+  for (const Item* item : collection_.AllItems()) before.insert(item);
+  std::string failure;
+  int merged = 0;
+  for (const std::string& path : paths) {
+    if (OpenFile(collection_, path, OpenMode::Merge)) ++merged;
+    else failure = path + ": " + LastError();
+  }
+  // Merged items are new at the end of the collection; undo deletes them.
+  std::vector<Item*> added;
+  for (Item* item : collection_.AllItems())
+    if (!before.count(item) && !item->Parent()) added.push_back(item);
+  if (!added.empty()) {
+    undo_.RecordInsert({}, "Merge files");
+    undo_.NoteInserted(added);
+  }
+  if (merged == 0) return Report(false, "Failed: " + failure, StatusMode::Failure);
+  return Report(true, failure.empty() ? "Done: Merged " + Plural(merged, "file") : "Failed: " + failure,
+                failure.empty() ? StatusMode::Plain : StatusMode::Failure);
+}
+
+bool RestoreSessionAtStart(Collection& collection, StateRing& states) {
+  return GetSettings().persistentState && RestoreLastSession(collection, &states);
+}
+
+bool EndSession(const Collection& collection, UndoRing& undo, StateRing& states) {
+  if (GetSettings().persistentState) return SaveLastSession(collection);
+  states.DeleteAll();
+  undo.ClearUndo();  // deletes the files of its state entries
+  return true;
 }
 
 std::vector<Waveform*> CollectionCommands::UnusedWaves() const {

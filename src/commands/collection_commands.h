@@ -26,6 +26,11 @@ class CollectionCommands {
   bool ConfirmDiscard(const std::string& title, bool replaceAll);
 
   CommandResult ClearAll();
+  // "Open file...": asks under "Confirm loading file!", opens the first file in place of the
+  // collection and merges the others; the undo ring starts afresh. False when nothing opened.
+  CommandResult OpenFiles(const std::vector<std::string>& paths);
+  // "Merge files...": each file merged; one undo step takes all merged items away again.
+  CommandResult MergeFiles(const std::vector<std::string>& paths);
   CommandResult DeleteUnusedWaveforms();
   CommandResult DeleteDuplicateWaveforms();
   CommandResult DualMonoToStereo();
@@ -64,5 +69,11 @@ class CollectionCommands {
   Collection& collection_;
   UndoRing& undo_;
 };
+
+// Start and end of a session (the main function's part): with app.bPersistentState the state "Last
+// session" is loaded at start (and pushed to the ring) and taken at the end; without it, the state
+// files of the ring and of the undo ring are deleted at the end.
+bool RestoreSessionAtStart(Collection& collection, StateRing& states);
+bool EndSession(const Collection& collection, UndoRing& undo, StateRing& states);
 
 }  // namespace orlin

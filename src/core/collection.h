@@ -35,6 +35,8 @@ constexpr uint32_t kNextFreeIndex = 0x0FFFFFFF;  // low bits given to a construc
 constexpr uint32_t kNoWave = 0x0FFFFFFE;          // a region made without a wave
 constexpr uint32_t kCollectionId = 0x70000000;
 constexpr uint32_t kIndexMask = 0x0FFFFFFF;
+// Item::flag of a wave read from a record of another build, whose decoder must be found again.
+constexpr uint8_t kFlagDecoderToFind = 1;
 
 constexpr uint32_t MakeId(ItemType type, uint32_t index) { return (uint32_t(type) << 28) | (index & kIndexMask); }
 constexpr ItemType TypeOfId(uint32_t id) { return ItemType(id >> 28); }

@@ -125,13 +125,14 @@ struct ItemCodec {
     item.sourceOffsetB = in.U64();
     const uint32_t count = in.U32();
     if (!in.CanRead(uint64_t(count) * 4)) return false;
-    item.children.resize(count);
-    for (uint32_t& child : item.children) {
+    // Owners delete their children: a child of the wrong kind could make a loop or delete the
+    // collection itself, so the list is taken only when every id in it is allowed.
+    std::vector<uint32_t> children(count);
+    for (uint32_t& child : children) {
       child = in.U32();
-      // Owners delete their children: a child of the wrong kind could make a loop or delete the
-      // collection itself.
       if (!ChildAllowed(item.Type(), TypeOfId(child))) return false;
     }
+    item.children = std::move(children);
     item.flag = 0;
     return in.Ok();
   }
@@ -391,7 +392,10 @@ struct ItemCodec {
     wave.loop.tune = in.F32();
     wave.dataFormat = in.U8();
     wave.sourceOffset = in.U64();
-    wave.decoder = DecoderFromWord(in.U64());
+    const uint64_t decoderWord = in.U64();
+    wave.decoder = DecoderFromWord(decoderWord);
+    // Written by another build: the decoder is found again from the source file after the load.
+    if (decoderWord != 0 && !wave.decoder) wave.flag = kFlagDecoderToFind;
     const uint8_t bytesPerSample = in.U8();
     wave.DropData();
     if (bytesPerSample == kBytesPerStoredSample) {

@@ -4,6 +4,7 @@
 #include "core/state_file.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,11 +13,13 @@
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
+#include <map>
 #include <memory>
 
 #include "core/byte_stream.h"
 #include "core/collection.h"
 #include "core/last_error.h"
+#include "core/pipeline.h"
 
 namespace orlin {
 
@@ -43,6 +46,15 @@ bool WriteAll(int descriptor, const uint8_t* bytes, size_t size) {
 uint32_t ReadU32(const uint8_t* at) {
   ByteSource source(at, at + 4);
   return source.U32();
+}
+
+// Header and records; false with the error text at 4 GiB or more, which the format cannot hold.
+bool StateSize(const std::vector<Item*>& items, uint64_t& total) {
+  total = kHeaderBytes;
+  for (const Item* item : items) total += item->SerializedSize();
+  if (total < (uint64_t(1) << 32)) return true;
+  SetLastError("The collection is too large for a state file");
+  return false;
 }
 
 std::string SafeFileName(const std::string& name) {
@@ -82,12 +94,8 @@ std::string StateFilePath(const std::string& name) {
 
 bool SerializeState(const Collection& collection, std::vector<uint8_t>& out) {
   const std::vector<Item*> items = collection.AllItems();
-  uint64_t total = kHeaderBytes;
-  for (const Item* item : items) total += item->SerializedSize();
-  if (total >= (uint64_t(1) << 32)) {
-    SetLastError("The collection is too large for a state file");
-    return false;
-  }
+  uint64_t total = 0;
+  if (!StateSize(items, total)) return false;
   try {
     out.resize(size_t(total));
   } catch (const std::bad_alloc&) {
@@ -149,19 +157,49 @@ bool DeserializeState(Collection& collection, const uint8_t* bytes, size_t size)
   collection.Clear();
   collection.TakeItemsFrom(*scratch);
   collection.Deserialize(collectionRecord, end);
+  RelinkDecoders(collection);
   return true;
 }
 
-bool WriteFileAtomically(const std::string& path, const void* bytes, size_t size) {
+int RelinkDecoders(Collection& collection) {
+  // Waves by source file; each file is read once, its waves matched by where their samples lie.
+  std::map<std::string, std::vector<Waveform*>> byFile;
+  for (Waveform* wave : collection.All<Waveform>())
+    if (wave->flag == kFlagDecoderToFind) byFile[wave->GetSourcePath()].push_back(wave);
+  int found = 0;
+  for (auto& [path, waves] : byFile) {
+    Collection source;
+    if (!path.empty() && path[0] != '<' && LoadFile(source, path, false)) {
+      for (Waveform* wave : waves)
+        for (const Waveform* candidate : source.All<Waveform>())
+          if (candidate->decoder && candidate->sourceOffset == wave->sourceOffset &&
+              candidate->sourceOffsetB == wave->sourceOffsetB && candidate->sourceFormat == wave->sourceFormat &&
+              candidate->length == wave->length && candidate->channels == wave->channels) {
+            wave->decoder = candidate->decoder;
+            ++found;
+            break;
+          }
+    }
+    for (Waveform* wave : waves) wave->flag = 0;
+  }
+  return found;
+}
+
+namespace {
+
+// Writes through `produce(descriptor)` to a temporary name, flushes, renames over `path` and flushes
+// the folder: a crash at any moment leaves the old file or the new one.
+template <typename Producer>
+bool WriteAtomically(const std::string& path, Producer produce) {
   const std::string temporary = path + ".tmp" + std::to_string(::getpid());
   const int descriptor = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (descriptor < 0) {
     SetLastError("Could not create file");
     return false;
   }
-  bool ok = WriteAll(descriptor, static_cast<const uint8_t*>(bytes), size);
+  bool ok = produce(descriptor);
   // On the disk before the rename, or a power cut could leave the new name over an empty file.
-  ok = ok && ::fsync(descriptor) == 0;
+  ok = ok && ::fdatasync(descriptor) == 0;
   ok = ::close(descriptor) == 0 && ok;
   ok = ok && ::rename(temporary.c_str(), path.c_str()) == 0;
   if (!ok) {
@@ -169,7 +207,6 @@ bool WriteFileAtomically(const std::string& path, const void* bytes, size_t size
     SetLastError("Writing to file failed");
     return false;
   }
-  // The rename itself is made durable by flushing the folder.
   const std::string folder = fs::path(path).parent_path().string();
   const int folderDescriptor = ::open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (folderDescriptor >= 0) {
@@ -179,11 +216,69 @@ bool WriteFileAtomically(const std::string& path, const void* bytes, size_t size
   return true;
 }
 
+// The state written record by record through one reused buffer: no copy of the whole collection is
+// ever held in memory, and the buffer's pages stay warm.
+bool WriteStateStream(const Collection& collection, int descriptor) {
+  constexpr size_t kBufferBytes = size_t(8) << 20;
+  const std::vector<Item*> items = collection.AllItems();
+  uint64_t total = 0;
+  if (!StateSize(items, total)) return false;
+  std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[kBufferBytes]);
+  std::unique_ptr<uint8_t[]> large;  // for a record bigger than the buffer
+  if (!buffer) {
+    SetLastError("Out of memory");
+    return false;
+  }
+  size_t used = 0;
+  auto flush = [&]() {
+    const bool ok = WriteAll(descriptor, buffer.get(), used);
+    used = 0;
+    return ok;
+  };
+  ByteSink head(buffer.get());
+  head.U32(kStateMagic);
+  head.U32(kStateVersion);
+  head.U32(uint32_t(items.size()));
+  used = kHeaderBytes;
+  auto put = [&](const Item& item) {
+    const size_t size = item.SerializedSize();
+    if (size > kBufferBytes) {
+      if (!flush()) return false;
+      large.reset(new (std::nothrow) uint8_t[size]);
+      if (!large) return false;
+      if (item.Serialize(large.get()) != large.get() + size) return false;
+      const bool ok = WriteAll(descriptor, large.get(), size);
+      large.reset();
+      return ok;
+    }
+    if (used + size > kBufferBytes && !flush()) return false;
+    if (item.Serialize(buffer.get() + used) != buffer.get() + used + size) return false;
+    used += size;
+    return true;
+  };
+  for (ItemType type : kRecordOrder)
+    for (const Item* item : items)
+      if (item->Type() == type && !put(*item)) return false;
+  return put(collection) && flush();
+}
+
+}  // namespace
+
+bool WriteFileAtomically(const std::string& path, const void* bytes, size_t size) {
+  return WriteAtomically(path, [&](int descriptor) { return WriteAll(descriptor, static_cast<const uint8_t*>(bytes), size); });
+}
+
 bool SaveStateFile(const Collection& collection, const std::string& name) {
   const std::string path = StateFilePath(name);
   if (path.empty()) return false;
-  std::vector<uint8_t> bytes;
-  return SerializeState(collection, bytes) && WriteFileAtomically(path, bytes.data(), bytes.size());
+  std::string error;
+  const bool ok = WriteAtomically(path, [&](int descriptor) {
+    if (WriteStateStream(collection, descriptor)) return true;
+    error = LastError();
+    return false;
+  });
+  if (!ok && !error.empty()) SetLastError(error);
+  return ok;
 }
 
 bool LoadStateFromPath(Collection& collection, const std::string& path) {
@@ -198,27 +293,18 @@ bool LoadStateFromPath(Collection& collection, const std::string& path) {
     SetLastError("Wrong state version");
     return false;
   }
-  std::vector<uint8_t> bytes;
-  try {
-    bytes.resize(size_t(info.st_size));
-  } catch (const std::bad_alloc&) {
-    ::close(descriptor);
-    SetLastError("Out of memory");
-    return false;
-  }
-  size_t done = 0;
-  while (done < bytes.size()) {
-    const ssize_t got = ::read(descriptor, bytes.data() + done, std::min(bytes.size() - done, kIoPiece));
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) break;
-    done += size_t(got);
-  }
+  // Mapped, not read: the records are copied out of the page cache once, into the items.
+  const size_t size = size_t(info.st_size);
+  void* mapping = ::mmap(nullptr, size, PROT_READ, MAP_PRIVATE, descriptor, 0);
   ::close(descriptor);
-  if (done != bytes.size()) {
+  if (mapping == MAP_FAILED) {
     SetLastError("Reading from file failed");
     return false;
   }
-  return DeserializeState(collection, bytes.data(), bytes.size());
+  ::madvise(mapping, size, MADV_SEQUENTIAL);
+  const bool ok = DeserializeState(collection, static_cast<const uint8_t*>(mapping), size);
+  ::munmap(mapping, size);
+  return ok;
 }
 
 bool LoadStateFile(Collection& collection, const std::string& name) {

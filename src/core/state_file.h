@@ -29,6 +29,11 @@ bool SerializeState(const Collection& collection, std::vector<uint8_t>& out);
 // collection is touched; then clears it and builds the items. False with the last-error text.
 bool DeserializeState(Collection& collection, const uint8_t* bytes, size_t size);
 
+// Waves read from records of another build (another program of the family, or before an update)
+// have no decoder: each one's source file is read again and the decoder of the wave whose samples
+// lie at the same place is taken. Returns how many were found; DeserializeState calls it.
+int RelinkDecoders(Collection& collection);
+
 // Writes to a temporary name in the same folder, flushes it to the disk and renames it over `path`,
 // so that a crash at any moment leaves the old file or the new one, never a part.
 bool WriteFileAtomically(const std::string& path, const void* bytes, size_t size);

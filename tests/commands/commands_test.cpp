@@ -247,6 +247,56 @@ TEST_F(CommandsTest, ItemCommandsUndoToTheByte) {
   }
 }
 
+TEST_F(CommandsTest, OpenMergeAndTheSessionAcrossRuns) {
+  ORLIN_REQUIRE_TESTDATA();
+  const std::string bank = (test::TestDataDir() / "soundfont/sbk/Uplift.sf2").string();
+  const std::string wave = (test::TestDataDir() / "audio/generated/dtmf8k/master_f32.wav").string();
+  ASSERT_TRUE(commands_.OpenFiles({bank}).done);
+  const std::vector<uint8_t> opened = Snapshot(collection_);
+  commands_.RenameItem(**collection_.All<Instrument>().begin(), "edited");
+  const uint32_t waves = collection_.CountOf(ItemType::Waveform);
+
+  // Merging is one step that undo takes back.
+  CommandResult merged = commands_.MergeFiles({wave, scratch_.File("missing.wav")});
+  EXPECT_EQ(merged.mode, StatusMode::Failure);
+  EXPECT_EQ(collection_.CountOf(ItemType::Waveform), waves + 1);
+  ASSERT_TRUE(undo_.Undo());
+  EXPECT_EQ(collection_.CountOf(ItemType::Waveform), waves);
+  ASSERT_TRUE(undo_.Undo());
+  EXPECT_EQ(Snapshot(collection_), opened);
+
+  // Opening over changes asks first when confirming; the ring starts afresh.
+  GetSettings().loadConfirm = true;
+  commands_.RenameItem(**collection_.All<Instrument>().begin(), "edited again");
+  ui_.answers = {1};
+  EXPECT_FALSE(commands_.OpenFiles({wave}).done);
+  EXPECT_EQ(ui_.questions.back(), "This will replace all loaded data.\n\nContinue?");
+  ui_.answers = {0};
+  ASSERT_TRUE(commands_.OpenFiles({wave}).done);
+  EXPECT_EQ(collection_.CountOf(ItemType::Instrument), 0u);
+  EXPECT_FALSE(undo_.CanUndo());
+
+  // A session: kept with persistent state on, and nothing left behind with it off.
+  const bool persistent = GetSettings().persistentState;
+  StateRing states;
+  ASSERT_FALSE(states.SaveState(collection_).empty());
+  ASSERT_TRUE(undo_.SaveUndoState("Process"));
+  GetSettings().persistentState = true;
+  ASSERT_TRUE(EndSession(collection_, undo_, states));
+  Collection next;
+  StateRing nextStates;
+  ASSERT_TRUE(RestoreSessionAtStart(next, nextStates));
+  EXPECT_EQ(Snapshot(next), Snapshot(collection_));
+  GetSettings().persistentState = false;
+  ASSERT_TRUE(EndSession(collection_, undo_, states));
+  std::vector<std::string> left;
+  for (const StateFileInfo& info : ListStateFiles()) left.push_back(info.name);
+  EXPECT_EQ(left, std::vector<std::string>{"Last session"});
+  Collection third;
+  EXPECT_FALSE(RestoreSessionAtStart(third, nextStates));
+  GetSettings().persistentState = persistent;
+}
+
 TEST(ClipboardRecords, SmallRecordsRoundTrip) {
   LoopInfo loop{3, 1, 10.5f, 200.0f, -0.5f};
   LoopInfo back;

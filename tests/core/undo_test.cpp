@@ -216,6 +216,7 @@ TEST_F(DataFolderTest, WaveWithoutMemoryIsDecodedFromItsFileAfterLoad) {
   Waveform* wave = *collection.All<Waveform>().begin();
   ASSERT_EQ(wave->Data(), nullptr);
   ASSERT_TRUE(SaveStateFile(collection, "lazy"));
+  std::vector<uint8_t> lazyBytes = Snapshot(collection);
 
   Collection loaded;
   ASSERT_TRUE(LoadStateFile(loaded, "lazy"));
@@ -227,6 +228,23 @@ TEST_F(DataFolderTest, WaveWithoutMemoryIsDecodedFromItsFileAfterLoad) {
   const float* reference = wave->GetSamplesForRead();
   ASSERT_NE(reference, nullptr);
   EXPECT_EQ(std::memcmp(decoded, reference, wave->length * wave->channels * 4), 0);
+  // A state from another build of the program (the GUI's "Last session" read by the command line):
+  // the decoder word is not followed, the decoder is found again from the file.
+  {
+    std::vector<uint8_t>& bytes = lazyBytes;
+    ASSERT_TRUE(wave->markers.empty());
+    wave->DropData();  // sizes as when the state was taken
+    const size_t recordEnd = 12 + wave->SerializedSize();
+    bytes[recordEnd - 4] ^= 0x5A;  // the build tag: the top bytes of the decoder word
+    Collection foreign;
+    ASSERT_TRUE(DeserializeState(foreign, bytes.data(), bytes.size()));
+    Waveform* relinked = foreign.Find<Waveform>(wave->id);
+    ASSERT_NE(relinked, nullptr);
+    ASSERT_NE(relinked->decoder, nullptr);
+    const float* again = relinked->GetSamplesForRead();
+    ASSERT_NE(again, nullptr);
+    EXPECT_EQ(std::memcmp(again, wave->GetSamplesForRead(), wave->length * wave->channels * 4), 0);
+  }
   // With its samples in memory now, the next state carries them.
   ASSERT_TRUE(SaveStateFile(loaded, "decoded"));
   EXPECT_GT(fs::file_size(StateFilePath("decoded")), fs::file_size(StateFilePath("lazy")) + wave->length * 4 - 1);
@@ -264,6 +282,19 @@ TEST_F(DataFolderTest, WrongVersionAndDamageLeaveTheCollectionAlone) {
     if (!DeserializeState(scratch, damaged.data(), damaged.size())) {
       EXPECT_EQ(scratch.AllItems().size(), 1u);
     }
+  }
+  // A layer that names itself as its child (a loop its destructor would follow) is refused whole.
+  {
+    size_t at = 12;
+    for (ItemType type : {ItemType::Waveform, ItemType::SynthesisModel, ItemType::Region})
+      for (const Item* item : source.AllItems())
+        if (item->Type() == type) at += item->SerializedSize();
+    const Layer* layer = *source.All<Layer>().begin();
+    ASSERT_FALSE(layer->children.empty());
+    std::vector<uint8_t> looped = bytes;
+    std::memcpy(looped.data() + at + 24, &layer->id, 4);
+    Collection scratch;
+    EXPECT_FALSE(DeserializeState(scratch, looped.data(), looped.size()));
   }
   // An empty file on disk is no state.
   test::WriteBytes(scratch_.File("empty.ost"), {});
