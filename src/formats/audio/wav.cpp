@@ -729,7 +729,10 @@ bool DecodeCodedSamples(Waveform* wave, FileObject* file, uint32_t tag, const st
   }
   // More than two channels: decode them all, keep the first two of each frame. Only the frames the
   // bytes reach are decoded, so a wide forged layout costs no more than its data; the rest is silence.
-  const uint64_t decoded = std::min<uint64_t>(wave->length, codec->frames(bytes.size(), params));
+  // No codec here packs more than eight samples into a byte, whatever its frame count claims for a
+  // layout it was never meant for.
+  const uint64_t densest = uint64_t(bytes.size()) * 8 / params.channels;
+  const uint64_t decoded = std::min<uint64_t>({wave->length, codec->frames(bytes.size(), params), densest});
   std::vector<float> all;
   try {
     all.resize(size_t(decoded) * params.channels);
