@@ -121,6 +121,11 @@ struct ItemCodec {
   static bool ReadHead(Item& item, ByteSource& in) {
     in.U32();  // the id: the item was made with it already
     item.parentId = in.U32();
+    // Parents are walked upwards (the source path, the owner of a region): a parent of a kind that
+    // cannot own this item could close a loop, so it is forgotten rather than followed.
+    if (item.parentId != kNullId && TypeOfId(item.parentId) != ItemType::Collection &&
+        !ChildAllowed(TypeOfId(item.parentId), item.Type()))
+      item.parentId = kNullId;
     item.sourceFormat = in.U32();
     item.sourceOffsetB = in.U64();
     const uint32_t count = in.U32();
@@ -284,7 +289,8 @@ struct ItemCodec {
         // switches of views 6 and 7, then views 1-5.
         for (int slot = 0; slot < kEffectSlotCount; ++slot) {
           const float* views = &instrument.effectSlots[size_t(slot) * kEffectViewsPerSlot];
-          auto asByte = [](float value) { return uint8_t(std::clamp(value, 0.0f, 255.0f)); };
+          // A NaN read from a damaged state is written as 0, not converted out of range.
+          auto asByte = [](float value) { return value > 0.0f ? uint8_t(std::min(value, 255.0f)) : uint8_t(0); };
           out.U8(asByte(views[0]));
           out.U8(asByte(views[0] == 1.0f ? views[3] : 0.0f));
           out.U8(asByte(views[6]));
