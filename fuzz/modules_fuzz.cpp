@@ -17,6 +17,8 @@ using orlin::ModuleKind;
 constexpr orlin::FormatReader kReaders[] = {
     orlin::ReadModModule,
     orlin::ReadXmModule,
+    orlin::ReadXiInstrument,
+    orlin::ReadS3iSample,
     orlin::ReadS3mModule,
     orlin::ReadItModule,
     orlin::ReadItInstrument,

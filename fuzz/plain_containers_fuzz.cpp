@@ -1,5 +1,5 @@
 // Any bytes through the old plain-audio container readers (au, AVR, NIST, IRCAM, Samplevision, Psion,
-// VOC, MIDI sample dump) and their decoders: never a crash or a hang, and a file a reader takes is one
+// VOC, MIDI sample dump, PAF, MAT-files, text audio) and their decoders: never a crash or a hang, and a file a reader takes is one
 // its detector scores.
 #include <unistd.h>
 
@@ -10,7 +10,9 @@
 
 #include "core/collection.h"
 #include "core/file_object.h"
+#include "formats/audio/matlab.h"
 #include "formats/audio/plain_containers.h"
+#include "formats/audio/text_audio.h"
 
 namespace {
 
@@ -24,7 +26,8 @@ constexpr Family kFamilies[] = {
     {orlin::ReadNist, orlin::DetectNist},   {orlin::ReadIrcam, orlin::DetectIrcam},
     {orlin::ReadSamplevision, orlin::DetectSamplevision}, {orlin::ReadPsion, orlin::DetectPsion},
     {orlin::ReadVoc, orlin::DetectVoc},     {orlin::ReadSds, orlin::DetectSds},
-    {orlin::ReadPaf, orlin::DetectPaf},
+    {orlin::ReadPaf, orlin::DetectPaf},     {orlin::ReadMatlab, orlin::DetectMatlab},
+    {orlin::ReadTextAudio, orlin::DetectTextAudio},
 };
 
 }  // namespace

@@ -5,8 +5,10 @@
 #include "formats/audio/addons/addon_rows.h"
 #include "formats/audio/codec_raw.h"
 #include "formats/audio/iff.h"
+#include "formats/audio/matlab.h"
 #include "formats/audio/plain_containers.h"
 #include "formats/audio/raw.h"
+#include "formats/audio/text_audio.h"
 #include "formats/audio/w64.h"
 #include "formats/audio/wav.h"
 #include "formats/common/generic_rows.h"
@@ -251,7 +253,7 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /* 226 */ {"map", nullptr, nullptr, nullptr, "NI Reaktor", 0x91, 0x00300014, 0x0, nullptr},  // Reaktor sample map: zones with embedded or linked WAV samples
     /* 227 */ {"map", nullptr, nullptr, nullptr, "NI Reaktor - Embedded", 0x91, 0x00300014, 0x1, nullptr},  // Reaktor sample map: zones with embedded or linked WAV samples
     /* 228 */ {"map", nullptr, nullptr, nullptr, "NI Reaktor - Linked", 0x91, 0x00300014, 0x2, nullptr},  // Reaktor sample map: zones with embedded or linked WAV samples
-    /* 229 */ {"mat", nullptr, nullptr, nullptr, "Matlab binary vars", 0x01, 0x003000E5, 0x0, nullptr},  // MAT-file: numeric arrays of 8/16/32-bit ints or floats
+    /* 229 */ {"mat", ReadMatlab, nullptr, DetectMatlab, "Matlab binary vars", 0x01, 0x003000E5, 0x0, nullptr},  // MAT-file: numeric arrays of 8/16/32-bit ints or floats
     /* 230 */ {"maud", ReadAiff, nullptr, DetectMaud, "MAUD sample", 0x01, 0x00300305, 0x0, nullptr},  // MAUD: 8/16-bit, A/mu-law, mono or stereo
     /* 231 */ {"mdl", ReadOtherModule<ModuleKind::Digitrakker>, nullptr, DetectOtherModule<ModuleKind::Digitrakker>, "Digitrakker module", 0xD1, 0x00000000, 0x0, nullptr},
     /* 232 */ {"med", ReadOtherModule<ModuleKind::OctaMed>, nullptr, DetectOtherModule<ModuleKind::OctaMed>, "OctaMED module", 0xD1, 0x00000000, 0x0, nullptr},
@@ -388,7 +390,7 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /* 363 */ {"s1v", nullptr, nullptr, nullptr, "Yamaha EX5 voices", 0x91, 0x02100004, 0x0, nullptr},  // Yamaha EX5 voices with 16-bit samples
     /* 364 */ {"s1v", nullptr, nullptr, nullptr, "Yamaha EX5 voices (RAM samples)", 0x91, 0x02100004, 0x0, nullptr},  // Yamaha EX5 voices with 16-bit samples
     /* 365 */ {"s1v", nullptr, nullptr, nullptr, "Yamaha EX5 voices (FLASH samples)", 0x91, 0x02100004, 0x1, nullptr},  // Yamaha EX5 voices with 16-bit samples
-    /* 366 */ {"s3i", nullptr, nullptr, nullptr, "ScreamTracker v3 sample", 0x01, 0x00300005, 0x0, nullptr},  // ScreamTracker 3 sample: 8/16-bit, mono or stereo
+    /* 366 */ {"s3i", ReadS3iSample, nullptr, DetectS3iSample, "ScreamTracker v3 sample", 0x01, 0x00300005, 0x0, nullptr},  // ScreamTracker 3 sample: 8/16-bit, mono or stereo
     /* 367 */ {"s3m", ReadS3mModule, nullptr, DetectS3mModule, "ScreamTracker v3 module", 0x91, 0x00300005, 0x0, nullptr},  // tracker module: 8/16-bit samples, mono or stereo, patterns not kept
     /* 368 */ {"s3p", nullptr, nullptr, nullptr, "AKAI MESA II/PC S-series program", 0x91, 0x02100004, 0x0, nullptr},  // AKAI S-series program (PC editor): 16-bit mono samples
     /* 369 */ {"sam", ReadRawPcm, WriteRawPcm, DetectByExtensionOnly, "Signed 8-bit PCM", 0x01, 0x00300001, 0x1, nullptr},  // raw signed 8-bit PCM
@@ -464,7 +466,7 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /* 439 */ {"txbank", nullptr, nullptr, nullptr, "Cwitec TX16Wx bank", 0x91, 0x00300014, 0x0, nullptr},  // TX16Wx bank: WAV samples, mono or stereo
     /* 440 */ {"txprog", nullptr, nullptr, nullptr, "Cwitec TX16Wx program", 0x91, 0x00300014, 0x0, nullptr},  // TX16Wx program: WAV samples, mono or stereo
     /* 441 */ {"txt", nullptr, nullptr, nullptr, "Ascii text parameter descriptions", 0xF3, 0x00040000, 0x0, nullptr},  // parameter listing as text
-    /* 442 */ {"txt", nullptr, nullptr, nullptr, "Ascii text audio", 0x01, 0x00340000, 0x1, nullptr},  // sample values as text
+    /* 442 */ {"txt", ReadTextAudio, nullptr, DetectTextAudio, "Ascii text audio", 0x01, 0x00340000, 0x1, nullptr},  // sample values as text
     /* 443 */ {"txt", nullptr, nullptr, nullptr, "Nokring ring-tone", 0x60, 0x00080000, 0x2, nullptr},  // Nokring text ring-tone: note list
     /* 444 */ {"txt", nullptr, nullptr, nullptr, "Steinberg LM-4 bank", 0x91, 0x00300014, 0x3, nullptr},  // LM-4 drum bank: text referencing WAV samples
     /* 445 */ {"u255law", ReadG711Raw, WriteRawPcm, DetectByExtensionOnly, "Exponential mu-law", 0x01, 0x00300100, 0x100, nullptr},  // mu-law 8-bit
@@ -552,7 +554,7 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /* 527 */ {"xdi", nullptr, nullptr, nullptr, "Dream SND-series instrument", 0x91, 0x00100004, 0x0, nullptr},  // Dream synth chip sound set
     /* 528 */ {"xdi", nullptr, nullptr, nullptr, "Dream SND5000 instrument (standard)", 0x91, 0x00100004, 0x1, nullptr},  // Dream synth chip sound set
     /* 529 */ {"xdi", nullptr, nullptr, nullptr, "Dream SND5000 instrument (NAND)", 0x91, 0x00100004, 0x2, nullptr},  // Dream synth chip sound set
-    /* 530 */ {"xi", nullptr, nullptr, nullptr, "Fast Tracker 2 instrument", 0x11, 0x00118000, 0x0, nullptr},  // FastTracker 2 instrument: delta-coded 8/16-bit mono samples
+    /* 530 */ {"xi", ReadXiInstrument, nullptr, DetectXiInstrument, "Fast Tracker 2 instrument", 0x11, 0x00118000, 0x0, nullptr},  // FastTracker 2 instrument: delta-coded 8/16-bit mono samples
     /* 531 */ {"xm", ReadXmModule, nullptr, DetectXmModule, "Fast Tracker 2 module", 0x91, 0x00118000, 0x0, nullptr},  // FastTracker 2 module: delta-coded 8/16-bit mono samples
     /* 532 */ {"xmi", nullptr, nullptr, nullptr, "MSS extended MIDI", 0x60, 0x00080000, 0x0, nullptr},  // extended MIDI: MIDI events with branching
     /* 533 */ {"xrni", nullptr, nullptr, nullptr, "Renoise instrument", 0x91, 0x00300014, 0x0, nullptr},  // Renoise instrument: zip with FLAC/WAV samples

@@ -14,8 +14,14 @@ int32_t DetectModModule(const uint8_t* head, uint32_t variant, uint32_t headByte
 bool ReadXmModule(Collection* collection, FileObject* file, uint32_t variant);
 int32_t DetectXmModule(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
 
+// A single Fast Tracker 2 instrument with its samples.
+bool ReadXiInstrument(Collection* collection, FileObject* file, uint32_t variant);
+int32_t DetectXiInstrument(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
+
 bool ReadS3mModule(Collection* collection, FileObject* file, uint32_t variant);
 int32_t DetectS3mModule(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
+bool ReadS3iSample(Collection* collection, FileObject* file, uint32_t variant);
+int32_t DetectS3iSample(const uint8_t* head, uint32_t variant, uint32_t headBytes, uint64_t fileSize);
 
 // Impulse Tracker: whole modules, single instruments (.iti) and single samples (.its).
 bool ReadItModule(Collection* collection, FileObject* file, uint32_t variant);

@@ -45,6 +45,60 @@ bool HasSignature(const uint8_t* head, size_t bytes) {
   return bytes >= kSignatureOffset + 4 && std::memcmp(head + kSignatureOffset, "SCRM", 4) == 0;
 }
 
+// One sample instrument record at `pointer` ("SCRS" at 76): a wave pointing at its data, or false when
+// the record holds no plain or ADPCM sample.
+bool ReadSampleRecord(Collection* collection, const std::vector<uint8_t>& bytes, uint32_t pointer,
+                      bool signedSamples) {
+  SpanReader record(bytes.data(), bytes.size());
+  record.Seek(pointer);
+  const uint8_t type = record.U8();
+  record.Skip(12);  // DOS file name
+  const uint32_t memoryHigh = record.U8();
+  const uint32_t memoryLow = record.U16le();
+  const uint32_t length = record.U32le();
+  const uint32_t loopStart = record.U32le();
+  const uint32_t loopEnd = record.U32le();
+  record.Skip(2);  // volume, reserved
+  const uint8_t packing = record.U8();
+  const uint8_t flags = record.U8();
+  const uint32_t rate = record.U32le();
+  record.Skip(12);
+  const std::string name = record.Text(28);
+  // Packing 1 (an ADPCM scheme of the tracker itself) was never in use.
+  if (record.failed || type != 1 || packing == 1) return false;
+  ModuleSample sample;
+  sample.name = name;
+  sample.offset = (memoryHigh << 16 | memoryLow) * 16;
+  sample.frames = length;
+  sample.storage = (flags & 4) ? kStoragePcm16 : kStoragePcm8;
+  sample.flags = signedSamples ? 0 : kSourceUnsigned;
+  sample.channels = (flags & 2) ? 2 : 1;
+  sample.rate = rate;
+  if (flags & 1) {
+    sample.loopType = 1;
+    sample.loopStart = loopStart;
+    sample.loopEnd = loopEnd;  // exclusive, as stored
+  }
+  if (packing != kPackedAdpcm) {
+    MakeModuleWave(collection, sample, bytes.size());
+  } else if (length > 0 && sample.offset < bytes.size()) {
+    auto* wave = new Waveform(collection);
+    wave->SetNameNarrow(TrimName(name));
+    wave->SetPcmSourceByFormat(kStorageCompressed, 0);
+    wave->bits = 8;
+    wave->decoder = DecodeAdpcm4;
+    wave->sourceOffset = sample.offset;
+    wave->length = length;
+    wave->sampleRate = rate ? rate : 8363;
+    if ((flags & 1) && loopEnd > loopStart && loopStart < length) {
+      wave->loop.type = 1;
+      wave->loop.start = float(loopStart);
+      wave->loop.end = float(std::min(loopEnd, length));
+    }
+  }
+  return true;
+}
+
 }  // namespace
 
 int32_t DetectS3mModule(const uint8_t* head, uint32_t, uint32_t headBytes, uint64_t) {
@@ -73,54 +127,27 @@ bool ReadS3mModule(Collection* collection, FileObject* file, uint32_t) {
     SetLastError("Not an S3M module!");
     return false;
   }
-  for (uint32_t pointer : pointers) {
-    SpanReader record(bytes.data(), bytes.size());
-    record.Seek(pointer);
-    const uint8_t type = record.U8();
-    record.Skip(12);  // DOS file name
-    const uint32_t memoryHigh = record.U8();
-    const uint32_t memoryLow = record.U16le();
-    const uint32_t length = record.U32le();
-    const uint32_t loopStart = record.U32le();
-    const uint32_t loopEnd = record.U32le();
-    record.Skip(2);  // volume, reserved
-    const uint8_t packing = record.U8();
-    const uint8_t flags = record.U8();
-    const uint32_t rate = record.U32le();
-    record.Skip(12);
-    const std::string name = record.Text(28);
-    // Packing 1 (an ADPCM scheme of the tracker itself) was never in use.
-    if (record.failed || type != 1 || packing == 1) continue;
-    ModuleSample sample;
-    sample.name = name;
-    sample.offset = (memoryHigh << 16 | memoryLow) * 16;
-    sample.frames = length;
-    sample.storage = (flags & 4) ? kStoragePcm16 : kStoragePcm8;
-    sample.flags = sampleFormat == kSignedSamples ? 0 : kSourceUnsigned;
-    sample.channels = (flags & 2) ? 2 : 1;
-    sample.rate = rate;
-    if (flags & 1) {
-      sample.loopType = 1;
-      sample.loopStart = loopStart;
-      sample.loopEnd = loopEnd;  // exclusive, as stored
-    }
-    if (packing != kPackedAdpcm) {
-      MakeModuleWave(collection, sample, bytes.size());
-    } else if (length > 0 && sample.offset < bytes.size()) {
-      auto* wave = new Waveform(collection);
-      wave->SetNameNarrow(TrimName(name));
-      wave->SetPcmSourceByFormat(kStorageCompressed, 0);
-      wave->bits = 8;
-      wave->decoder = DecodeAdpcm4;
-      wave->sourceOffset = sample.offset;
-      wave->length = length;
-      wave->sampleRate = rate ? rate : 8363;
-      if ((flags & 1) && loopEnd > loopStart && loopStart < length) {
-        wave->loop.type = 1;
-        wave->loop.start = float(loopStart);
-        wave->loop.end = float(std::min(loopEnd, length));
-      }
-    }
+  for (uint32_t pointer : pointers) ReadSampleRecord(collection, bytes, pointer, sampleFormat == kSignedSamples);
+  return true;
+}
+
+// ---- ScreamTracker 3 sample (.s3i): one sample instrument record as a module holds it, its data
+// where the record's pointer says; the tracker saves its samples unsigned.
+
+namespace {
+constexpr size_t kSampleRecordBytes = 80;
+}  // namespace
+
+int32_t DetectS3iSample(const uint8_t* head, uint32_t, uint32_t headBytes, uint64_t) {
+  return headBytes >= kSampleRecordBytes && head[0] == 1 && std::memcmp(head + 76, "SCRS", 4) == 0 ? 6 : 0;
+}
+
+bool ReadS3iSample(Collection* collection, FileObject* file, uint32_t) {
+  std::vector<uint8_t> bytes;
+  if (!LoadModuleBytes(file, bytes)) return false;
+  if (!DetectS3iSample(bytes.data(), 0, uint32_t(bytes.size()), 0) || !ReadSampleRecord(collection, bytes, 0, false)) {
+    SetLastError("Not a ScreamTracker 3 sample");
+    return false;
   }
   return true;
 }
