@@ -1,6 +1,6 @@
 // Any bytes through the old plain-audio container readers (au, AVR, NIST, IRCAM, Samplevision, Psion,
-// VOC, MIDI sample dump, PAF, MAT-files, text audio) and their decoders: never a crash or a hang, and a file a reader takes is one
-// its detector scores.
+// VOC, MIDI sample dump, PAF, MAT-files, text audio) and their decoders: never a crash or a hang, and
+// a file a reader takes is one its detector scores.
 #include <unistd.h>
 
 #include <cstdint>

@@ -14,6 +14,7 @@
 #include "formats/common/generic_rows.h"
 #include "formats/instrument/dls/dls.h"
 #include "formats/instrument/gig/gig.h"
+#include "formats/instrument/korg/korg.h"
 #include "formats/instrument/sfz/sfz.h"
 #include "formats/instrument/soundfont/soundfont.h"
 #include "formats/song/midi.h"
@@ -227,27 +228,27 @@ constexpr FormatEntry kFormatRows[kFormatRowCount] = {
     /* 200 */ {"kft", nullptr, nullptr, nullptr, "Korg T-series wave", 0x01, 0x00100004, 0x0, nullptr},  // Korg T-series wave: 16-bit mono
     /* 201 */ {"kit", nullptr, nullptr, nullptr, "NI Battery v1 drums", 0x91, 0x00300014, 0x0, nullptr},  // Battery kit: cells referencing WAV samples
     /* 202 */ {"kmp", nullptr, nullptr, nullptr, "Korg PA-series keymaps", 0x91, 0x02100004, 0x0, nullptr},  // Korg PA keymap: 16-bit mono samples, stereo as pairs
-    /* 203 */ {"kmp", nullptr, nullptr, nullptr, "Korg keymap", 0x91, 0x02100005, 0x1, nullptr},  // Korg keymap: KSF samples 8/16-bit mono, stereo as -L/-R pairs
-    /* 204 */ {"kmp", nullptr, nullptr, nullptr, "Korg Trinity keymap", 0x91, 0x02100005, 0x3B, nullptr},  // Korg keymap: KSF samples 8/16-bit mono, stereo as -L/-R pairs
-    /* 205 */ {"kmp", nullptr, nullptr, nullptr, "Korg Triton keymap", 0x91, 0x02100005, 0x50, nullptr},  // Korg keymap: KSF samples 8/16-bit mono, stereo as -L/-R pairs
-    /* 206 */ {"kmp", nullptr, nullptr, nullptr, "Korg M3 keymap", 0x91, 0x02100005, 0x75, nullptr},  // Korg keymap: KSF samples 8/16-bit mono, stereo as -L/-R pairs
-    /* 207 */ {"kmp", nullptr, nullptr, nullptr, "Korg M3 Xpanded keymap", 0x91, 0x02100005, 0x75, nullptr},  // Korg keymap: KSF samples 8/16-bit mono, stereo as -L/-R pairs
-    /* 208 */ {"kmp", nullptr, nullptr, nullptr, "Korg Kronos keymap", 0x91, 0x02100005, 0x68, nullptr},  // Korg keymap: KSF samples 8/16-bit mono, stereo as -L/-R pairs
+    /* 203 */ {"kmp", ReadKorgKeymap, nullptr, DetectKorgKeymap, "Korg keymap", 0x91, 0x02100005, 0x1, nullptr},  // Korg keymap: KSF samples 8/16-bit mono, stereo as -L/-R pairs
+    /* 204 */ {"kmp", ReadKorgKeymap, nullptr, DetectKorgKeymap, "Korg Trinity keymap", 0x91, 0x02100005, 0x3B, nullptr},  // Korg keymap: KSF samples 8/16-bit mono, stereo as -L/-R pairs
+    /* 205 */ {"kmp", ReadKorgKeymap, nullptr, DetectKorgKeymap, "Korg Triton keymap", 0x91, 0x02100005, 0x50, nullptr},  // Korg keymap: KSF samples 8/16-bit mono, stereo as -L/-R pairs
+    /* 206 */ {"kmp", ReadKorgKeymap, nullptr, DetectKorgKeymap, "Korg M3 keymap", 0x91, 0x02100005, 0x75, nullptr},  // Korg keymap: KSF samples 8/16-bit mono, stereo as -L/-R pairs
+    /* 207 */ {"kmp", ReadKorgKeymap, nullptr, DetectKorgKeymap, "Korg M3 Xpanded keymap", 0x91, 0x02100005, 0x75, nullptr},  // Korg keymap: KSF samples 8/16-bit mono, stereo as -L/-R pairs
+    /* 208 */ {"kmp", ReadKorgKeymap, nullptr, DetectKorgKeymap, "Korg Kronos keymap", 0x91, 0x02100005, 0x68, nullptr},  // Korg keymap: KSF samples 8/16-bit mono, stereo as -L/-R pairs
     /* 209 */ {"kr1", nullptr, nullptr, nullptr, "Kurzweil K2000/K2500/K2600 split", 0x91, 0x02100004, 0x1, nullptr},  // Kurzweil object file: 16-bit samples, stereo as paired mono samples
     /* 210 */ {"krz", nullptr, nullptr, nullptr, "Kurzweil K2000 file", 0x91, 0x02100004, 0x0, nullptr},  // Kurzweil object file: 16-bit samples, stereo as paired mono samples
     /* 211 */ {"krz", nullptr, nullptr, nullptr, "Kurzweil K2000/K2500/K2600", 0x91, 0x02100004, 0x0, nullptr},  // Kurzweil object file: 16-bit samples, stereo as paired mono samples
-    /* 212 */ {"ksc", nullptr, nullptr, nullptr, "Korg script", 0x91, 0x02100005, 0x0, nullptr},  // Korg script: lists KMP/KSF files, 8/16-bit mono, stereo as pairs
-    /* 213 */ {"ksc", nullptr, nullptr, nullptr, "Korg Trinity script", 0x91, 0x02100005, 0x3B, nullptr},  // Korg script: lists KMP/KSF files, 8/16-bit mono, stereo as pairs
-    /* 214 */ {"ksc", nullptr, nullptr, nullptr, "Korg Triton script", 0x91, 0x02100005, 0x50, nullptr},  // Korg script: lists KMP/KSF files, 8/16-bit mono, stereo as pairs
-    /* 215 */ {"ksc", nullptr, nullptr, nullptr, "Korg M3 script", 0x91, 0x02100005, 0x75, nullptr},  // Korg script: lists KMP/KSF files, 8/16-bit mono, stereo as pairs
-    /* 216 */ {"ksc", nullptr, nullptr, nullptr, "Korg M3 Xpanded script", 0x91, 0x02100005, 0x75, nullptr},  // Korg script: lists KMP/KSF files, 8/16-bit mono, stereo as pairs
-    /* 217 */ {"ksc", nullptr, nullptr, nullptr, "Korg Kronos script", 0x91, 0x02100005, 0x68, nullptr},  // Korg script: lists KMP/KSF files, 8/16-bit mono, stereo as pairs
-    /* 218 */ {"ksf", nullptr, nullptr, nullptr, "Korg sample", 0x01, 0x00100005, 0x0, nullptr},  // Korg KSF sample: 8/16-bit mono
-    /* 219 */ {"ksf", nullptr, nullptr, nullptr, "Korg Trinity sample", 0x01, 0x00100005, 0x3B, nullptr},  // Korg KSF sample: 8/16-bit mono
-    /* 220 */ {"ksf", nullptr, nullptr, nullptr, "Korg Triton sample", 0x01, 0x00100005, 0x50, nullptr},  // Korg KSF sample: 8/16-bit mono
-    /* 221 */ {"ksf", nullptr, nullptr, nullptr, "Korg M3 sample", 0x01, 0x00100005, 0x75, nullptr},  // Korg KSF sample: 8/16-bit mono
-    /* 222 */ {"ksf", nullptr, nullptr, nullptr, "Korg M3 Xpanded sample", 0x01, 0x00100005, 0x75, nullptr},  // Korg KSF sample: 8/16-bit mono
-    /* 223 */ {"ksf", nullptr, nullptr, nullptr, "Korg Kronos sample", 0x01, 0x00100005, 0x68, nullptr},  // Korg KSF sample: 8/16-bit mono
+    /* 212 */ {"ksc", ReadKorgScript, nullptr, DetectKorgScript, "Korg script", 0x91, 0x02100005, 0x0, nullptr},  // Korg script: lists KMP/KSF files, 8/16-bit mono, stereo as pairs
+    /* 213 */ {"ksc", ReadKorgScript, nullptr, DetectKorgScript, "Korg Trinity script", 0x91, 0x02100005, 0x3B, nullptr},  // Korg script: lists KMP/KSF files, 8/16-bit mono, stereo as pairs
+    /* 214 */ {"ksc", ReadKorgScript, nullptr, DetectKorgScript, "Korg Triton script", 0x91, 0x02100005, 0x50, nullptr},  // Korg script: lists KMP/KSF files, 8/16-bit mono, stereo as pairs
+    /* 215 */ {"ksc", ReadKorgScript, nullptr, DetectKorgScript, "Korg M3 script", 0x91, 0x02100005, 0x75, nullptr},  // Korg script: lists KMP/KSF files, 8/16-bit mono, stereo as pairs
+    /* 216 */ {"ksc", ReadKorgScript, nullptr, DetectKorgScript, "Korg M3 Xpanded script", 0x91, 0x02100005, 0x75, nullptr},  // Korg script: lists KMP/KSF files, 8/16-bit mono, stereo as pairs
+    /* 217 */ {"ksc", ReadKorgScript, nullptr, DetectKorgScript, "Korg Kronos script", 0x91, 0x02100005, 0x68, nullptr},  // Korg script: lists KMP/KSF files, 8/16-bit mono, stereo as pairs
+    /* 218 */ {"ksf", ReadKorgSample, nullptr, DetectKorgSample, "Korg sample", 0x01, 0x00100005, 0x0, nullptr},  // Korg KSF sample: 8/16-bit mono
+    /* 219 */ {"ksf", ReadKorgSample, nullptr, DetectKorgSample, "Korg Trinity sample", 0x01, 0x00100005, 0x3B, nullptr},  // Korg KSF sample: 8/16-bit mono
+    /* 220 */ {"ksf", ReadKorgSample, nullptr, DetectKorgSample, "Korg Triton sample", 0x01, 0x00100005, 0x50, nullptr},  // Korg KSF sample: 8/16-bit mono
+    /* 221 */ {"ksf", ReadKorgSample, nullptr, DetectKorgSample, "Korg M3 sample", 0x01, 0x00100005, 0x75, nullptr},  // Korg KSF sample: 8/16-bit mono
+    /* 222 */ {"ksf", ReadKorgSample, nullptr, DetectKorgSample, "Korg M3 Xpanded sample", 0x01, 0x00100005, 0x75, nullptr},  // Korg KSF sample: 8/16-bit mono
+    /* 223 */ {"ksf", ReadKorgSample, nullptr, DetectKorgSample, "Korg Kronos sample", 0x01, 0x00100005, 0x68, nullptr},  // Korg KSF sample: 8/16-bit mono
     /* 224 */ {"m4a", ReadMediaContainer, WriteM4a, DetectIsoMedia, "iTunes MPEG-4 audio", 0x01, 0x00320000, 0x0, AacSettings},  // MPEG-4 audio: AAC with bit-rate settings
     /* 225 */ {"m4r", ReadMediaContainer, nullptr, DetectIsoMedia, "iPhone ring-tone", 0x01, 0x00320000, 0x0, nullptr},  // MPEG-4 audio ring-tone: AAC
     /* 226 */ {"map", nullptr, nullptr, nullptr, "NI Reaktor", 0x91, 0x00300014, 0x0, nullptr},  // Reaktor sample map: zones with embedded or linked WAV samples
