@@ -1,5 +1,6 @@
 #include "cli/commands.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -63,6 +64,13 @@ bool TerminalUserInterface::ConfirmOverwrite(const std::string& path) {
   std::string line;
   if (!std::getline(std::cin, line)) return false;
   return !line.empty() && (line[0] == 'y' || line[0] == 'Y');
+}
+
+bool MayReplaceOutput(const std::string& path, bool replaceAnyway) {
+  struct stat existing;
+  if (::stat(path.c_str(), &existing) != 0 || !S_ISREG(existing.st_mode) || replaceAnyway) return true;
+  TerminalUserInterface* terminal = CurrentTerminal();
+  return terminal && terminal->ConfirmOverwrite(path);
 }
 
 ReplaceAnswer TerminalUserInterface::AskReplaceFile(const std::string& path) {

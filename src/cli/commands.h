@@ -81,6 +81,10 @@ struct ConvertRequest {
 int RunConvert(const ConvertRequest& request, std::ostream& out, std::ostream& err);
 // The installed terminal interface of the running command (null in library use).
 TerminalUserInterface* CurrentTerminal();
+// Whether an output the user named may be written: yes when nothing is there; otherwise the
+// overwrite question (-y/--overwrite, --yes and --no answer it). `replaceAnyway` is a sub-command's
+// own old --force, kept for scripts that use it.
+bool MayReplaceOutput(const std::string& path, bool replaceAnyway = false);
 
 // Text lines describing the items of a collection as a tree, for `orlin info`.
 std::vector<std::string> DescribeTree(const Collection& collection);

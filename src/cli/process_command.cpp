@@ -1,7 +1,7 @@
 // `orlin process`: runs rows of the algorithm tables over every item of their family in each file and
 // saves the result through the normal save road (backup, no partial file). `--list` shows the rows
 // with their settings. The input is never overwritten without --in-place, nor any existing file
-// without --force.
+// without the overwrite question's yes (-y/--overwrite).
 #include "cli/process_command.h"
 
 #include <CLI/CLI.hpp>
@@ -134,7 +134,8 @@ ProcessCommand::ProcessCommand(CLI::App& app) {
   auto* inPlace = command_->add_flag("--in-place", request_.inPlace, "Write the result over the input (the old file stays until the new one is whole)");
   output->excludes(inPlace);
   command_->add_option("--to", request_.toExtension, "Extension of the format to write (default: the input's format)");
-  command_->add_flag("--force", request_.force, "Overwrite an existing output file");
+  // Kept for scripts written before -y/--overwrite served every sub-command.
+  command_->add_flag("--force", request_.force, "Same as -y/--overwrite")->group("");
   command_->add_flag("--list", request_.list, "List the algorithms with their settings");
   command_->add_flag("--json", request_.json, "JSON output for --list");
 }
@@ -326,8 +327,8 @@ int RunProcess(const ProcessRequest& request, std::ostream& out, std::ostream& e
         status = kExitUsage;
         continue;
       }
-      if (fs::exists(path, error) && !request.force) {
-        err << input << ": " << path << " exists; use --force to overwrite it\n";
+      if (!MayReplaceOutput(path, request.force)) {
+        err << input << ": " << path << " exists and was not replaced; -y/--overwrite replaces it\n";
         status = kExitFileFailed;
         continue;
       }

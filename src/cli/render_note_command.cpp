@@ -7,79 +7,41 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <memory>
 #include <vector>
 
 #include "cli/command_registry.h"
+#include "cli/commands.h"
 #include "core/last_error.h"
 #include "core/pipeline.h"
+#include "core/save_choice.h"
 #include "synth/synth_render.h"
 
 namespace orlin::cli {
 
 namespace {
 constexpr double kMaxTailSeconds = 10.0;
-
-void PutU32(std::vector<uint8_t>& out, uint32_t v) {
-  for (int i = 0; i < 4; ++i) out.push_back(uint8_t(v >> (8 * i)));
-}
-void PutU16(std::vector<uint8_t>& out, uint16_t v) {
-  out.push_back(uint8_t(v)), out.push_back(uint8_t(v >> 8));
-}
-void PutTag(std::vector<uint8_t>& out, const char* tag) { out.insert(out.end(), tag, tag + 4); }
 }  // namespace
 
-bool WriteFloatWav(const std::string& path, const float* frames, size_t frameCount, int rate, bool replace) {
-  namespace fs = std::filesystem;
-  std::error_code ec;
-  if (!replace && fs::exists(path, ec)) {
-    SetLastError("File exists: " + path);
-    return false;
-  }
-  const uint64_t dataBytes = uint64_t(frameCount) * 8;
-  if (dataBytes > 0xFFFFFFFFull - 64) {
+// Through the WAVE writer as 32-bit float, so the file is saved as every other: whole or not at all.
+bool WriteFloatWav(const std::string& path, const float* frames, size_t frameCount, int rate) {
+  if (frameCount > 0xFFFFFFFFull / 8 - 64) {
     SetLastError("Too long for a WAVE file");
     return false;
   }
-  std::vector<uint8_t> head;
-  PutTag(head, "RIFF");
-  PutU32(head, uint32_t(4 + 26 + 12 + 8 + dataBytes));
-  PutTag(head, "WAVE");
-  PutTag(head, "fmt ");
-  PutU32(head, 18);
-  PutU16(head, 3);  // IEEE float
-  PutU16(head, 2);
-  PutU32(head, uint32_t(rate));
-  PutU32(head, uint32_t(rate) * 8);
-  PutU16(head, 8);
-  PutU16(head, 32);
-  PutU16(head, 0);  // no extension
-  PutTag(head, "fact");
-  PutU32(head, 4);
-  PutU32(head, uint32_t(frameCount));
-  PutTag(head, "data");
-  PutU32(head, uint32_t(dataBytes));
-  const std::string temporary = path + ".part";
-  {
-    std::ofstream file(temporary, std::ios::binary | std::ios::trunc);
-    file.write(reinterpret_cast<const char*>(head.data()), std::streamsize(head.size()));
-    // Little-endian floats as they lie in memory on this platform.
-    file.write(reinterpret_cast<const char*>(frames), std::streamsize(dataBytes));
-    if (!file.good()) {
-      file.close();
-      fs::remove(temporary, ec);
-      SetLastError("Could not write file");
-      return false;
-    }
-  }
-  fs::rename(temporary, path, ec);
-  if (ec) {
-    fs::remove(temporary, ec);
-    SetLastError("Could not write file");
-    return false;
-  }
-  return true;
+  Collection collection;
+  auto* wave = new Waveform(&collection);
+  wave->SetName(std::filesystem::path(path).stem().string());
+  wave->channels = 2;
+  wave->sampleRate = uint32_t(rate);
+  wave->length = uint32_t(frameCount);
+  float* samples = wave->AllocSamples();
+  if (!samples) return false;
+  std::copy_n(frames, frameCount * 2, samples);
+  const int32_t row = FindWriteRow("wav", 1);
+  SaveOptions options = DefaultSaveOptions(row);
+  options.caps = (options.caps & ~kCapsStorageMask) | (1u << kStorageFloat32);
+  return SaveWithBackup(wave, path, row, options, false);
 }
 
 RenderNoteCommand::RenderNoteCommand(CLI::App& app) {
@@ -93,7 +55,8 @@ RenderNoteCommand::RenderNoteCommand(CLI::App& app) {
   command_->add_option("--seconds", seconds, "Seconds the key is held")->check(CLI::Range(0.0, 600.0));
   command_->add_option("--rate", rate, "Output sample rate")->check(CLI::Range(8000, 192000));
   command_->add_option("-o,--output", output, "Output WAV file")->required();
-  command_->add_flag("--force", force, "Replace an existing output file");
+  // Kept for scripts written before -y/--overwrite served every sub-command.
+  command_->add_flag("--force", force, "Same as -y/--overwrite")->group("");
 }
 
 bool RenderNoteCommand::Selected() const { return command_ && command_->parsed(); }
@@ -142,7 +105,11 @@ int RenderNoteCommand::Run(std::ostream& out, std::ostream& err) const {
   request.drumChannel10 = false;
   std::vector<float> frames;
   synth::RenderMessages(engine, messages, request, frames);
-  if (!WriteFloatWav(output, frames.data(), frames.size() / 2, rate, force)) {
+  if (!MayReplaceOutput(output, force)) {
+    err << output << ": exists and was not replaced; -y/--overwrite replaces it\n";
+    return 1;
+  }
+  if (!WriteFloatWav(output, frames.data(), frames.size() / 2, rate)) {
     err << output << ": " << LastError() << "\n";
     return 1;
   }

@@ -31,8 +31,9 @@ class RenderNoteCommand {
   CLI::App* command_ = nullptr;
 };
 
-// Writes interleaved stereo float frames as a WAVE file of format 3 (IEEE float). No existing file is
-// replaced unless `replace`; the data goes to a temporary name first. False with the last-error text.
-bool WriteFloatWav(const std::string& path, const float* frames, size_t frameCount, int rate, bool replace);
+// Writes interleaved stereo float frames as a WAVE file of format 3 (IEEE float) through the save
+// pipeline: whole or not at all. The caller has asked about an existing file. False with the
+// last-error text.
+bool WriteFloatWav(const std::string& path, const float* frames, size_t frameCount, int rate);
 
 }  // namespace orlin::cli

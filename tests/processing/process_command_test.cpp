@@ -96,10 +96,15 @@ TEST_F(ProcessCommandTest, ExitCodesAndTheUsersFiles) {
   EXPECT_EQ(Orlin("process " + input + " -a 'Auto tune' -o " + out, &text), 1);
   EXPECT_NE(text.find("\"Auto tune\" is not available yet"), std::string::npos) << text;
   EXPECT_FALSE(fs::exists(out));
-  // An existing output is kept unless --force.
+  // An existing output is kept unless -y/--overwrite (or the older --force) says otherwise.
   WriteBytes(out, {1, 2, 3});
   EXPECT_EQ(Orlin("process " + input + " -a 'Maximize amplitude' -o " + out, &text), 1);
   EXPECT_EQ(ReadBytes(out).size(), 3u);
+  EXPECT_EQ(Orlin("process " + input + " -a 'Maximize amplitude' --no -o " + out, &text), 1);
+  EXPECT_EQ(ReadBytes(out).size(), 3u);
+  EXPECT_EQ(Orlin("process " + input + " -a 'Maximize amplitude' -y -o " + out, &text), 0) << text;
+  EXPECT_GT(ReadBytes(out).size(), 1000u);
+  WriteBytes(out, {1, 2, 3});
   EXPECT_EQ(Orlin("process " + input + " -a 'Maximize amplitude' --force -o " + out, &text), 0) << text;
   EXPECT_GT(ReadBytes(out).size(), 1000u);
 

@@ -283,9 +283,11 @@ TEST(SynthCorpus, RenderNoteWritesAWaveThatSoxReadsAndKeepsExistingFiles) {
   ORLIN_REQUIRE_TOOL("sox");
   orlin::test::ScratchDir scratch;
   const std::string out = scratch.File("note.wav");
-  const std::string command = orlin::test::OrlinProgram() + " render-note " + kTimBank +
-                              " --preset 0:0 --key 69 --velocity 100 --seconds 0.5 -o '" + out + "'";
-  ASSERT_EQ(orlin::test::RunCommand(command + " >/dev/null 2>&1"), 0);
+  auto command = [&](int key) {
+    return orlin::test::OrlinProgram() + " render-note " + kTimBank + " --preset 0:0 --key " + std::to_string(key) +
+           " --velocity 100 --seconds 0.5 -o '" + out + "'";
+  };
+  ASSERT_EQ(orlin::test::RunCommand(command(69) + " >/dev/null 2>&1"), 0);
   std::string stats;
   orlin::test::RunCommand("sox '" + out + "' -n stat 2>&1", &stats);
   EXPECT_NE(stats.find("Length (seconds)"), std::string::npos) << stats;
@@ -294,10 +296,14 @@ TEST(SynthCorpus, RenderNoteWritesAWaveThatSoxReadsAndKeepsExistingFiles) {
   EXPECT_LT(length, 10.6);
   const double peak = std::atof(stats.substr(stats.find("Maximum amplitude:") + 18).c_str());
   EXPECT_GT(peak, 0.01);
-  // A second run without --force leaves the file alone and fails.
+  // A second run leaves the file alone and fails unless told to replace it; no temporary is left.
   const auto before = orlin::test::ReadBytes(out);
-  EXPECT_NE(orlin::test::RunCommand(command + " --key 40 >/dev/null 2>&1"), 0);
+  EXPECT_EQ(orlin::test::RunCommand(command(40) + " >/dev/null 2>&1"), 1);
   EXPECT_EQ(orlin::test::ReadBytes(out), before);
+  EXPECT_EQ(orlin::test::RunCommand(command(40) + " -y >/dev/null 2>&1"), 0);
+  EXPECT_NE(orlin::test::ReadBytes(out), before);
+  for (const auto& entry : std::filesystem::directory_iterator(std::filesystem::path(out).parent_path()))
+    EXPECT_EQ(entry.path().filename().string().find(".part"), std::string::npos) << entry.path();
 }
 
 }  // namespace
