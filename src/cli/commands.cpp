@@ -140,6 +140,7 @@ size_t EditDistance(const std::string& a, const std::string& b) {
 }  // namespace
 
 int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& err) {
+  RemoveTemporariesOnInterrupt();
   CLI::App app{"Orlin Studio command line: read, inspect and convert waveforms, instruments and songs.", "orlin"};
   app.require_subcommand(1);
   app.fallthrough();

@@ -2,7 +2,9 @@
 // gives a file of their own, unique per process and per file, and made with O_EXCL so that two saves
 // (or a user's file) can never share one. rename() over the target is atomic, so concurrent saves to
 // one name each leave a whole file and the last rename wins. A process killed mid-save leaves only its
-// temporary, which the next save to that name removes once the process is gone.
+// temporary, which the next save to that name removes once the process is gone. An interrupt
+// (Ctrl-C, SIGTERM, SIGHUP) removes the temporaries at once: their names wait in a fixed table that
+// the signal handler can walk without allocating or locking.
 #include "core/save_transaction.h"
 
 #include <fcntl.h>
@@ -32,6 +34,39 @@ std::atomic<uint32_t> temporaryCounter{0};
 
 constexpr const char* kTemporaryTag = ".orlin-";
 constexpr const char* kTemporarySuffix = ".part";
+
+// Temporaries being written, for the signal handler. A slot is 0 free, 1 being filled, 2 in use.
+constexpr int kLiveSlots = 64;
+constexpr size_t kLivePathBytes = 4096;
+struct LiveTemporary {
+  std::atomic<int> state{0};
+  char path[kLivePathBytes];
+};
+LiveTemporary liveTemporaries[kLiveSlots];
+
+int RememberTemporary(const std::string& path) {
+  if (path.size() >= kLivePathBytes) return -1;
+  for (int slot = 0; slot < kLiveSlots; ++slot) {
+    int expected = 0;
+    if (!liveTemporaries[slot].state.compare_exchange_strong(expected, 1)) continue;
+    std::memcpy(liveTemporaries[slot].path, path.c_str(), path.size() + 1);
+    liveTemporaries[slot].state.store(2);
+    return slot;
+  }
+  return -1;  // more than 64 files at once: the rest are swept by the next save, as after a kill
+}
+
+void ForgetTemporary(int& slot) {
+  if (slot >= 0) liveTemporaries[slot].state.store(0);
+  slot = -1;
+}
+
+void RemoveTemporariesAndDie(int signal) {
+  for (LiveTemporary& live : liveTemporaries)
+    if (live.state.load() == 2) ::unlink(live.path);
+  ::signal(signal, SIG_DFL);
+  ::raise(signal);
+}
 
 std::string TemporaryPrefix(const fs::path& target) { return "." + target.filename().string() + kTemporaryTag; }
 
@@ -89,6 +124,7 @@ struct SaveTransaction::Entry {
   bool replaces = false;  // the target exists now
   mode_t mode = 0;        // the replaced file's permissions, kept by the new one
   bool device = false;    // the target is no regular file (/dev/null, a pipe): copied into it at the end
+  int liveSlot = -1;      // where the signal handler finds the temporary
 };
 
 SaveTransaction::SaveTransaction() : previous_(currentTransaction) { currentTransaction = this; }
@@ -147,7 +183,10 @@ FileObject* SaveTransaction::Create(const std::string& targetPath, bool primary,
     const std::string name = TemporaryPrefix(target) + std::to_string(getpid()) + "-" +
                              std::to_string(temporaryCounter.fetch_add(1)) + kTemporarySuffix;
     entry->temporaryPath = (folder / name).string();
-    if (entry->file.Open(entry->temporaryPath, FileMode::CreateNew)) break;
+    if (entry->file.Open(entry->temporaryPath, FileMode::CreateNew)) {
+      entry->liveSlot = RememberTemporary(entry->temporaryPath);
+      break;
+    }
     const int code = errno;
     if (code != EEXIST || attempt > 1000) {
       // The message names the file the user asked for, not our temporary.
@@ -250,6 +289,7 @@ bool SaveTransaction::Commit() {
       folders.push_back(fs::path(entry->finalPath).parent_path().string());
     }
     entry->temporaryPath.clear();
+    ForgetTemporary(entry->liveSlot);
     committed_.push_back(entry->finalPath);
   }
   // The renames themselves reach the disk with their folders.
@@ -270,8 +310,17 @@ void SaveTransaction::Abort() {
   for (auto& entry : entries_) {
     entry->file.Close();
     if (!entry->temporaryPath.empty()) ::unlink(entry->temporaryPath.c_str());
+    ForgetTemporary(entry->liveSlot);
   }
   entries_.clear();
+}
+
+void RemoveTemporariesOnInterrupt() {
+  struct sigaction action {};
+  action.sa_handler = RemoveTemporariesAndDie;
+  sigemptyset(&action.sa_mask);
+  action.sa_flags = SA_RESETHAND;
+  for (int signal : {SIGINT, SIGTERM, SIGHUP}) ::sigaction(signal, &action, nullptr);
 }
 
 }  // namespace orlin

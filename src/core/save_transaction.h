@@ -61,6 +61,10 @@ std::string SavePathOf(const FileObject& file);
 void SetReplaceReadOnly(bool allowed);
 bool ReplaceReadOnly();
 
+// Installs handlers for SIGINT, SIGTERM and SIGHUP that remove the temporaries of every save in
+// progress and then end the process as the signal would have. Programs call it once at start.
+void RemoveTemporariesOnInterrupt();
+
 // The files the last successful save on this thread wrote, in order.
 const std::vector<std::string>& LastSavedPaths();
 void SetLastSavedPaths(std::vector<std::string> paths);

@@ -101,6 +101,31 @@ TEST(SaveSafety, KilledAndConcurrentSavesLeaveWholeFiles) {
     waitpid(child, nullptr, 0);
     EXPECT_EQ(ReadBytes(out), whole) << "after " << delayMs << " ms";
   }
+  // Ctrl-C, SIGTERM or a closed terminal during a save: the target is the old whole file and no
+  // temporary is left behind for a later save to sweep.
+  auto temporaries = [&] {
+    int count = 0;
+    for (const auto& entry : fs::directory_iterator(dir.Path()))
+      count += entry.path().filename().string().find(".orlin-") != std::string::npos;
+    return count;
+  };
+  for (int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    for (int delayMs : {20, 60, 120}) {
+      const pid_t child = fork();
+      ASSERT_GE(child, 0);
+      if (child == 0) {
+        execl("/bin/sh", "sh", "-c", ("exec " + Orlin() + "convert -y " + Quote(bank) + " -o " + Quote(out) + " >/dev/null 2>&1").c_str(),
+              nullptr);
+        _exit(127);
+      }
+      usleep(useconds_t(delayMs) * 1000);
+      kill(child, signal);
+      int status = 0;
+      waitpid(child, &status, 0);
+      EXPECT_EQ(ReadBytes(out), whole) << "signal " << signal << " after " << delayMs << " ms";
+      EXPECT_EQ(temporaries(), 0) << "signal " << signal << " after " << delayMs << " ms";
+    }
+  }
   // Four saves at once to one name: one whole file, no splice.
   std::string four;
   for (int i = 0; i < 4; ++i) four += Orlin() + "convert -y " + Quote(bank) + " -o " + Quote(out) + " >/dev/null 2>&1 & ";
