@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "cli/command_registry.h"
+#include "cli/conversion_losses.h"
 #include "cli/commands.h"
 #include "cli/json.h"
 #include "core/file_object.h"
@@ -406,6 +407,9 @@ int RunConvert(const ConvertRequest& request, std::ostream& out, std::ostream& e
       continue;
     }
     const bool saved = SaveWithBackup(item, path, row, options, false);
+    // Read back before a standard-output copy goes away.
+    std::vector<ConversionLoss> losses;
+    if (saved) losses = FindConversionLosses(item, LastSavedPaths());
     if (!saved) {
       std::string reason = LastError();
       if (reason.find("read-only") != std::string::npos) reason += " (--force replaces it)";
@@ -433,6 +437,13 @@ int RunConvert(const ConvertRequest& request, std::ostream& out, std::ostream& e
       json.Value(toStdout ? std::string("-") : written);
       if (!request.quiet && !request.json)
         report << source.label << " -> " << (toStdout ? std::string("-") : written) << " (" << entry->description << ")\n";
+    }
+    json.EndArray();
+    // And everything the written file could not hold, one line an item and kind of loss.
+    json.Key("lost").BeginArray();
+    for (const ConversionLoss& loss : losses) {
+      json.BeginObject().Key("item").Value(loss.item).Key("what").Value(loss.what).EndObject();
+      if (!request.json && !request.quiet) err << "orlin: " << source.label << ": " << loss.item << ": " << loss.what << "\n";
     }
     json.EndArray().EndObject();
   }
