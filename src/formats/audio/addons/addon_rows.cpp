@@ -12,6 +12,7 @@
 #include "core/last_error.h"
 #include "core/save_choice.h"
 #include "core/wave_stream.h"
+#include "formats/audio/wav.h"
 #include "formats/audio/addons/aac_addon.h"
 #include "formats/audio/addons/ffmpeg_addon.h"
 #include "formats/audio/addons/flac_addon.h"
@@ -167,6 +168,7 @@ Waveform* DescribeWave(Collection* collection, FileObject* file, AudioStream& st
   }
   wave->decoder = decoder;
   addons::TagsToItem(stream.tags, *wave);
+  if (!stream.samplerChunk.empty()) ReadSamplerChunk(*wave, stream.samplerChunk.data(), stream.samplerChunk.size());
   return wave;
 }
 
@@ -299,6 +301,9 @@ bool WriteFlac(Item* item, FileObject* file, const SaveOptions* options) {
   const uint32_t storage = ChooseSaveFormat(*WaveOf(item), *options, rate);
   const uint32_t bits = storage == kStoragePcm24 ? 24 : 16;
   const uint32_t level = options->variant == 2 ? 8 : 5;
+  // Loop, root key and fine tune travel as the WAVE smpl chunk, as flac keeps it from a WAVE.
+  const Waveform& wave = *WaveOf(item);
+  if (wave.loop.type != 0 || wave.rootKey != 60 || wave.fineTune != 0) input.samplerChunk = SamplerChunkBody(wave);
   return addons::EncodeFlac(*file, input, bits, level);
 }
 

@@ -46,6 +46,9 @@ class AudioStream {
   uint32_t bits = 16;   // bits of the source for lossless codecs
   bool lossless = false;
   AudioTags tags;
+  // The body of a WAVE smpl chunk (loop, root key, fine tune) the file carried from a WAVE it was
+  // made of, as FLAC keeps foreign RIFF chunks; empty when none.
+  std::vector<uint8_t> samplerChunk;
 };
 
 // Decodes everything from the stream's position into `out`, at most `limit` frames.
@@ -60,6 +63,7 @@ struct EncodeInput {
   uint32_t channels = 1;
   uint32_t rate = 44100;
   AudioTags tags;
+  std::vector<uint8_t> samplerChunk;  // written where the container keeps RIFF chunks; empty: none
 };
 
 // A file seen from a position onward, as the codec libraries' read/seek/tell callbacks want it:
