@@ -55,6 +55,8 @@ int RunCommand(const std::string& command, std::string* output) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
+std::filesystem::path SourceDir() { return ORLIN_SOURCE_DIR; }
+
 std::string OrlinProgram() { return (std::filesystem::path(ORLIN_BINARY_DIR) / "orlin").string(); }
 
 uint64_t SeededRandom::Next() {

@@ -42,6 +42,8 @@ std::vector<uint8_t> ReadBytes(const std::string& path);
 int RunCommand(const std::string& command, std::string* output = nullptr);
 // The path of the built `orlin` program.
 std::string OrlinProgram();
+// The project's source folder (where README.md is).
+std::filesystem::path SourceDir();
 
 // Deterministic noise for test signals.
 class SeededRandom {
