@@ -537,6 +537,16 @@ TEST(TrackerModules, SignaturesAndRefusals) {
                                            head.size(), confidence);
     EXPECT_EQ(GetRowExtension(row), extension) << name;
   }
+  // A module cut inside its pointer tables is neither announced as a module nor read as one.
+  std::vector<uint8_t> it = test::ReadBytes((test::TestDataDir() / "modules/debian/the_big_march_in_space.it").string());
+  const size_t tables = 0xC0 + (it[0x20] | it[0x21] << 8) + 4 * ((it[0x22] | it[0x23] << 8) + (it[0x24] | it[0x25] << 8));
+  ASSERT_GT(it.size(), tables);
+  EXPECT_EQ(DetectItModule(it.data(), 0, uint32_t(tables), tables), 6);
+  it.resize(tables - 1);
+  EXPECT_EQ(DetectItModule(it.data(), 0, uint32_t(it.size()), it.size()), 0);
+  Collection cut;
+  EXPECT_FALSE(ReadWith(ReadItModule, cut, scratch, it));
+  EXPECT_EQ(LastError(), "Not an Impulse Tracker file");
 }
 
 }  // namespace

@@ -223,8 +223,18 @@ void ReadInstrument(Collection* collection, const std::vector<uint8_t>& bytes, s
 
 }  // namespace
 
-int32_t DetectItModule(const uint8_t* head, uint32_t, uint32_t headBytes, uint64_t) {
-  return headBytes >= 4 && std::memcmp(head, "IMPM", 4) == 0 ? 6 : 0;
+// The one check of a module's head that detection and reading share: "IMPM", and a file long enough
+// for the header with its order list and its instrument and sample pointer tables. A cut file is then
+// not announced as a module that the reader goes on to refuse.
+bool ItModuleHeadComplete(const uint8_t* head, size_t headBytes, uint64_t fileSize) {
+  if (headBytes < 0x26 || std::memcmp(head, "IMPM", 4) != 0) return false;
+  const uint64_t orders = head[0x20] | head[0x21] << 8, instruments = head[0x22] | head[0x23] << 8,
+                 samples = head[0x24] | head[0x25] << 8;
+  return fileSize >= kModuleHeaderBytes + orders + 4 * (instruments + samples);
+}
+
+int32_t DetectItModule(const uint8_t* head, uint32_t, uint32_t headBytes, uint64_t fileSize) {
+  return ItModuleHeadComplete(head, headBytes, fileSize ? fileSize : headBytes) ? 6 : 0;
 }
 int32_t DetectItInstrument(const uint8_t* head, uint32_t, uint32_t headBytes, uint64_t) {
   return headBytes >= 4 && std::memcmp(head, "IMPI", 4) == 0 ? 6 : 0;
@@ -236,7 +246,7 @@ int32_t DetectItSample(const uint8_t* head, uint32_t, uint32_t headBytes, uint64
 bool ReadItModule(Collection* collection, FileObject* file, uint32_t) {
   std::vector<uint8_t> bytes;
   if (!LoadModuleBytes(file, bytes)) return false;
-  if (!HasTag(bytes, 0, "IMPM") || bytes.size() < kModuleHeaderBytes) {
+  if (!ItModuleHeadComplete(bytes.data(), bytes.size(), bytes.size())) {
     SetLastError(kNotImpulse);
     return false;
   }
