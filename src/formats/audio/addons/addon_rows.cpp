@@ -437,6 +437,9 @@ bool WriteWavPack(Item* item, FileObject* file, const SaveOptions* options) {
   double rate = 0;
   const uint32_t storage = ChooseSaveFormat(*WaveOf(item), *options, rate);
   const uint32_t bits = storage == kStorageFloat32 ? 32 : storage == kStoragePcm24 ? 24 : 16;
+  const Waveform& wave = *WaveOf(item);
+  if (wave.loop.type != 0 || wave.rootKey != 60 || wave.fineTune != 0)
+    source.input.samplerChunk = SamplerChunkBody(wave);
   return addons::EncodeWavPack(*file, source.input, bits);
 }
 

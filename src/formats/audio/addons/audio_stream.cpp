@@ -212,4 +212,56 @@ bool PacketStream::SkipFrames(uint64_t frames) {
   return true;
 }
 
+namespace {
+
+void PutLe32(std::vector<uint8_t>& out, uint32_t value) {
+  for (int i = 0; i < 4; ++i) out.push_back(uint8_t(value >> (8 * i)));
+}
+
+std::vector<uint8_t> Chunk(const char* id, const std::vector<uint8_t>& body) {
+  std::vector<uint8_t> chunk(id, id + 4);
+  PutLe32(chunk, uint32_t(body.size()));
+  chunk.insert(chunk.end(), body.begin(), body.end());
+  if (body.size() & 1) chunk.push_back(0);
+  return chunk;
+}
+
+}  // namespace
+
+std::vector<std::vector<uint8_t>> ForeignRiffChunks(const EncodeInput& input, uint32_t bits, bool isFloat) {
+  const uint32_t blockAlign = input.channels * (bits / 8);
+  std::vector<uint8_t> format;
+  format.push_back(isFloat ? 3 : 1), format.push_back(0);
+  format.push_back(uint8_t(input.channels)), format.push_back(0);
+  PutLe32(format, input.rate);
+  PutLe32(format, input.rate * blockAlign);
+  format.push_back(uint8_t(blockAlign)), format.push_back(0);
+  format.push_back(uint8_t(bits)), format.push_back(0);
+  const std::vector<uint8_t> fmt = Chunk("fmt ", format), smpl = Chunk("smpl", input.samplerChunk);
+  const uint64_t dataBytes = uint64_t(input.frames) * blockAlign;
+  std::vector<uint8_t> head = {'R', 'I', 'F', 'F'};
+  PutLe32(head, uint32_t(std::min<uint64_t>(4 + fmt.size() + smpl.size() + 8 + dataBytes + (dataBytes & 1), 0xFFFFFFFF)));
+  head.insert(head.end(), {'W', 'A', 'V', 'E'});
+  std::vector<uint8_t> data = {'d', 'a', 't', 'a'};
+  PutLe32(data, uint32_t(std::min<uint64_t>(dataBytes, 0xFFFFFFFF)));
+  return {head, fmt, smpl, data};
+}
+
+std::vector<uint8_t> FindSamplerChunk(const uint8_t* riff, size_t size) {
+  // Past the RIFF head when there is one; then chunk by chunk.
+  size_t at = size >= 12 && std::memcmp(riff, "RIFF", 4) == 0 ? 12 : 0;
+  while (at + 8 <= size) {
+    const uint32_t bytes = uint32_t(riff[at + 4] | riff[at + 5] << 8 | riff[at + 6] << 16 | uint32_t(riff[at + 7]) << 24);
+    // A kept head holds only the head of "data"; what follows it is the WAVE's trailer.
+    if (std::memcmp(riff + at, "data", 4) == 0) {
+      at += 8;
+      continue;
+    }
+    if (std::memcmp(riff + at, "smpl", 4) == 0)
+      return std::vector<uint8_t>(riff + at + 8, riff + at + 8 + std::min<size_t>(bytes, size - at - 8));
+    at += 8 + size_t(bytes) + (bytes & 1);
+  }
+  return {};
+}
+
 }  // namespace orlin::addons

@@ -66,6 +66,14 @@ struct EncodeInput {
   std::vector<uint8_t> samplerChunk;  // written where the container keeps RIFF chunks; empty: none
 };
 
+// The RIFF chunks that stand for a WAVE's head around a sampler chunk, as FLAC (one APPLICATION
+// "riff" block each) and WavPack (one header wrapper) keep a WAVE's own: the RIFF head, "fmt ",
+// "smpl" with `input.samplerChunk`, and the head of "data" sized for `input.frames`.
+std::vector<std::vector<uint8_t>> ForeignRiffChunks(const EncodeInput& input, uint32_t bits, bool isFloat);
+// The body of the first "smpl" chunk of such a kept WAVE head (a whole head, a head and trailer
+// joined, or one chunk); empty when there is none.
+std::vector<uint8_t> FindSamplerChunk(const uint8_t* riff, size_t size);
+
 // A file seen from a position onward, as the codec libraries' read/seek/tell callbacks want it:
 // offsets are relative to `base`. Seek takes SEEK_SET, SEEK_CUR or SEEK_END; false when it fails.
 struct FileSource {

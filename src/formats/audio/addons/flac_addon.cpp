@@ -190,12 +190,8 @@ class FlacStream : public AudioStream {
     } else if (block->type == FLAC__METADATA_TYPE_APPLICATION && block->length > 4 &&
                std::memcmp(block->data.application.id, "riff", 4) == 0 && block->data.application.data) {
       // flac --keep-foreign-metadata keeps each RIFF chunk of the source WAVE in a block of its own.
-      const uint8_t* chunk = block->data.application.data;
-      const size_t bytes = block->length - 4;
-      if (bytes >= 8 && std::memcmp(chunk, "smpl", 4) == 0) {
-        const uint32_t size = uint32_t(chunk[4] | chunk[5] << 8 | chunk[6] << 16 | uint32_t(chunk[7]) << 24);
-        self->samplerChunk.assign(chunk + 8, chunk + 8 + std::min<size_t>(size, bytes - 8));
-      }
+      std::vector<uint8_t> smpl = FindSamplerChunk(block->data.application.data, block->length - 4);
+      if (!smpl.empty() && self->samplerChunk.empty()) self->samplerChunk = std::move(smpl);
     } else if (block->type == FLAC__METADATA_TYPE_PICTURE && self->tags.picture.empty()) {
       const auto& picture = block->data.picture;
       if (picture.data && picture.data_length) {
@@ -228,37 +224,6 @@ FLAC__StreamEncoderSeekStatus EncoderSeek(const FLAC__StreamEncoder*, FLAC__uint
 FLAC__StreamEncoderTellStatus EncoderTell(const FLAC__StreamEncoder*, FLAC__uint64* offset, void* data) {
   *offset = static_cast<FileObject*>(data)->Tell();
   return FLAC__STREAM_ENCODER_TELL_STATUS_OK;
-}
-
-void PutLe32(std::vector<uint8_t>& out, uint32_t value) {
-  for (int i = 0; i < 4; ++i) out.push_back(uint8_t(value >> (8 * i)));
-}
-
-std::vector<uint8_t> Chunk(const char* id, const std::vector<uint8_t>& body) {
-  std::vector<uint8_t> chunk(id, id + 4);
-  PutLe32(chunk, uint32_t(body.size()));
-  chunk.insert(chunk.end(), body.begin(), body.end());
-  if (body.size() & 1) chunk.push_back(0);
-  return chunk;
-}
-
-std::vector<std::vector<uint8_t>> ForeignRiffBlocks(const EncodeInput& input, uint32_t bits) {
-  const uint32_t blockAlign = input.channels * (bits / 8);
-  std::vector<uint8_t> format;
-  format.push_back(1), format.push_back(0);  // PCM
-  format.push_back(uint8_t(input.channels)), format.push_back(0);
-  PutLe32(format, input.rate);
-  PutLe32(format, input.rate * blockAlign);
-  format.push_back(uint8_t(blockAlign)), format.push_back(0);
-  format.push_back(uint8_t(bits)), format.push_back(0);
-  const std::vector<uint8_t> fmt = Chunk("fmt ", format), smpl = Chunk("smpl", input.samplerChunk);
-  const uint64_t dataBytes = uint64_t(input.frames) * blockAlign;
-  std::vector<uint8_t> head = {'R', 'I', 'F', 'F'};
-  PutLe32(head, uint32_t(std::min<uint64_t>(4 + fmt.size() + smpl.size() + 8 + dataBytes + (dataBytes & 1), 0xFFFFFFFF)));
-  head.insert(head.end(), {'W', 'A', 'V', 'E'});
-  std::vector<uint8_t> data = {'d', 'a', 't', 'a'};
-  PutLe32(data, uint32_t(std::min<uint64_t>(dataBytes, 0xFFFFFFFF)));
-  return {head, fmt, smpl, data};
 }
 
 }  // namespace
@@ -313,7 +278,7 @@ bool EncodeFlac(FileObject& file, const EncodeInput& input, uint32_t bits, uint3
   if (!input.samplerChunk.empty()) {
     // The layout flac --keep-foreign-metadata writes and restores: the RIFF head, each chunk before
     // the samples in a block of its own ("fmt " first), then the head of the data chunk.
-    for (const std::vector<uint8_t>& block : ForeignRiffBlocks(input, bits)) {
+    for (const std::vector<uint8_t>& block : ForeignRiffChunks(input, bits, false)) {
       metadata[blocks] = api.metadataNew(FLAC__METADATA_TYPE_APPLICATION);
       std::memcpy(metadata[blocks]->data.application.id, "riff", 4);
       std::vector<uint8_t> copy = block;

@@ -36,6 +36,10 @@ struct WavPackApi {
   decltype(&WavpackFlushSamples) flush;
   decltype(&WavpackAppendTagItem) appendTag;
   decltype(&WavpackWriteTag) writeTag;
+  decltype(&WavpackAddWrapper) addWrapper;
+  decltype(&WavpackGetWrapperBytes) wrapperBytes;
+  decltype(&WavpackGetWrapperData) wrapperData;
+  decltype(&WavpackSeekTrailingWrapper) seekTrailingWrapper;
 } api;
 
 #define ORLIN_SYMBOL(field, name) {name, reinterpret_cast<void**>(&api.field)}
@@ -49,6 +53,8 @@ const AddonSymbol kSymbols[] = {
     ORLIN_SYMBOL(setConfiguration, "WavpackSetConfiguration"), ORLIN_SYMBOL(packInit, "WavpackPackInit"),
     ORLIN_SYMBOL(pack, "WavpackPackSamples"),            ORLIN_SYMBOL(flush, "WavpackFlushSamples"),
     ORLIN_SYMBOL(appendTag, "WavpackAppendTagItem"),     ORLIN_SYMBOL(writeTag, "WavpackWriteTag"),
+    ORLIN_SYMBOL(addWrapper, "WavpackAddWrapper"),       ORLIN_SYMBOL(wrapperBytes, "WavpackGetWrapperBytes"),
+    ORLIN_SYMBOL(wrapperData, "WavpackGetWrapperData"), ORLIN_SYMBOL(seekTrailingWrapper, "WavpackSeekTrailingWrapper"),
 };
 #undef ORLIN_SYMBOL
 
@@ -119,8 +125,15 @@ class WavPackStream : public AudioStream {
     }
     char error[128] = {};
     context_ = api.openInput(&kReader, &source_, correction, error,
-                             OPEN_TAGS | OPEN_NORMALIZE | (correction ? OPEN_WVC : 0), 0);
+                             OPEN_TAGS | OPEN_NORMALIZE | OPEN_WRAPPER | (correction ? OPEN_WVC : 0), 0);
     if (!context_) return false;
+    // The head and trailer of the WAVE it was packed from (wavpack keeps both), where a loop may be;
+    // the trailer is read from the last block, then decoding starts again from the first.
+    if (api.wrapperBytes(context_) > 0) {
+      api.seekTrailingWrapper(context_);
+      samplerChunk = FindSamplerChunk(api.wrapperData(context_), api.wrapperBytes(context_));
+      api.seekSample(context_, 0);
+    }
     channels = uint32_t(std::max(api.numChannels(context_), 0));
     rate = api.sampleRate(context_);
     const uint32_t total = api.numSamples(context_);
@@ -204,6 +217,13 @@ bool EncodeWavPack(FileObject& file, const EncodeInput& input, uint32_t bits) {
   config.sample_rate = int32_t(input.rate);
   if (isFloat) config.float_norm_exp = 127;
   bool ok = api.setConfiguration(context, &config, input.frames) && api.packInit(context);
+  // A loop travels in the head of a WAVE, which wvunpack writes back in front of the samples.
+  if (ok && !input.samplerChunk.empty()) {
+    std::vector<uint8_t> head;
+    for (const std::vector<uint8_t>& chunk : ForeignRiffChunks(input, bits, isFloat))
+      head.insert(head.end(), chunk.begin(), chunk.end());
+    ok = api.addWrapper(context, head.data(), uint32_t(head.size()));
+  }
   const double scale = double(1u << (bits - 1));
   std::vector<int32_t> block(size_t(4096) * input.channels);
   for (uint32_t at = 0; ok && at < input.frames; at += 4096) {
