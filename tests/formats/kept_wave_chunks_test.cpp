@@ -4,12 +4,15 @@
 // of that WAVE (whose smpl chunk stands after its samples).
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstring>
+#include <filesystem>
 #include <string>
 
 #include "core/collection.h"
 #include "core/last_error.h"
 #include "core/pipeline.h"
+#include "core/save_choice.h"
 #include "test_support.h"
 
 namespace orlin {
@@ -81,6 +84,55 @@ TEST(KeptWaveChunks, TheirToolsLoopsAreRead) {
     const std::string packed = dir.File(std::string("theirs.") + packer.extension);
     ASSERT_EQ(test::RunCommand(Fill(packer.pack, looped, packed)), 0);
     ExpectSameWave(looped, packed);
+  }
+}
+
+TEST(KeptWaveChunks, MarkersTravelBothWays) {
+  // A wave with a loop, a named point and a named range.
+  test::ScratchDir dir;
+  Collection collection;
+  auto* wave = new Waveform(&collection);
+  wave->SetName("marked");
+  wave->length = 20000;
+  wave->sampleRate = 22050;
+  float* samples = wave->AllocSamples();
+  for (uint32_t i = 0; i < wave->length; ++i) samples[i] = 0.5f * float(std::sin(0.01 * i));
+  wave->loop.type = 1, wave->loop.start = 1000, wave->loop.end = 19000;
+  wave->rootKey = 64;
+  Marker hit;
+  hit.start = 4321, hit.name = "hit", hit.id = NextMarkerId();
+  Marker verse;
+  verse.section = 1, verse.start = 8000, verse.end = 12000, verse.name = "verse", verse.id = NextMarkerId();
+  wave->markers = {hit, verse};
+  auto expectMarkers = [](Waveform* read) {
+    ASSERT_NE(read, nullptr) << LastError();
+    ASSERT_EQ(read->markers.size(), 2u);
+    EXPECT_EQ(read->markers[0].start, 4321u);
+    EXPECT_EQ(read->markers[0].name, "hit");
+    EXPECT_EQ(read->markers[1].section, 1);
+    EXPECT_EQ(read->markers[1].end, 12000u);
+    EXPECT_EQ(read->markers[1].name, "verse");
+    EXPECT_EQ(read->loop.start, 1000.0f);
+    EXPECT_EQ(read->rootKey, 64);
+  };
+  for (const Packer& packer : kPackers) {
+    if (!test::HaveTool(packer.tool)) continue;
+    SCOPED_TRACE(packer.extension);
+    // Ours, through their unpacker into a WAVE.
+    const std::string packed = dir.File(std::string("ours.") + packer.extension), back = dir.File("back.wav");
+    const int32_t row = FindWriteRow(packer.extension, 1);
+    ASSERT_TRUE(SaveItem(wave, row, packed, DefaultSaveOptions(row))) << LastError();
+    ASSERT_EQ(test::RunCommand(Fill(packer.unpack, packed, back)), 0);
+    Collection unpacked;
+    ASSERT_TRUE(LoadFile(unpacked, back, false));
+    expectMarkers(FirstWave(unpacked));
+    // Their packer's file of that WAVE, read by us.
+    const std::string theirs = dir.File(std::string("theirs.") + packer.extension);
+    ASSERT_EQ(test::RunCommand(Fill(packer.pack, back, theirs)), 0);
+    Collection read;
+    ASSERT_TRUE(LoadFile(read, theirs, false));
+    expectMarkers(FirstWave(read));
+    std::filesystem::remove(back);
   }
 }
 

@@ -1122,6 +1122,36 @@ void ReadSamplerChunk(Waveform& wave, const uint8_t* body, size_t size) {
   ParseSmpl(parser, ByteReader(body, size));
 }
 
+std::vector<uint8_t> WaveMetadataChunks(const Waveform& wave) {
+  // Written inside a RIFF head of its own, which keeps the outer size the writer patches off the
+  // first chunk, and then left out.
+  RiffWriter riff;
+  riff.Begin(FourCC("RIFF"), FourCC("WAVE"));
+  if (wave.loop.type != 0 || wave.rootKey != 60 || wave.fineTune != 0) WriteSmpl(riff, wave, 0);
+  if (!wave.markers.empty()) WriteMarkers(riff, wave);
+  return std::vector<uint8_t>(riff.Bytes().begin() + 12, riff.Bytes().end());
+}
+
+void ReadWaveMetadataChunks(Waveform& wave, const uint8_t* chunks, size_t size) {
+  RiffWaveParser parser;
+  parser.wave = &wave;
+  ByteReader walk(chunks, size);
+  // Past a RIFF head when there is one; the head of "data" stands alone, without its samples.
+  if (walk.CanRead(12) && std::memcmp(chunks, "RIFF", 4) == 0) walk.Skip(12);
+  uint32_t count = 0;
+  while (walk.CanRead(8) && ++count < kMaxChunks) {
+    const uint32_t id = walk.U32();
+    const uint32_t bytes = walk.U32();
+    if (id == FourCC("data")) continue;
+    ByteReader body = walk.Sub(bytes);
+    walk.Skip(std::min<size_t>(bytes & 1, walk.Remaining()));
+    if (id == FourCC("smpl") && !parser.smplSeen) ParseSmpl(parser, body);
+    else if (id == FourCC("cue ")) ParseCue(parser, body);
+    else if (id == FourCC("LIST")) ParseList(parser, body);
+  }
+  MergeCues(parser);
+}
+
 namespace {
 
 // Writes the wave as a whole image into `out`, or, with `file`, streams plain samples straight to

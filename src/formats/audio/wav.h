@@ -53,6 +53,12 @@ bool DecodeWaveSamples(Waveform* wave, FileObject* file);
 // The smpl chunk (loop, root key, fine tune) for containers that carry one beside their own chunks.
 std::vector<uint8_t> SamplerChunkBody(const Waveform& wave);
 void ReadSamplerChunk(Waveform& wave, const uint8_t* body, size_t size);
+// The whole chunks (head and body) other containers keep of a WAVE for its loop, root key, fine tune
+// and markers: "smpl" when any of the first three is set, "cue " and LIST "adtl" for markers; empty
+// when there is nothing to keep. The reader takes them back from a run of chunks, which may start
+// with a RIFF head and hold the head of "data" among them.
+std::vector<uint8_t> WaveMetadataChunks(const Waveform& wave);
+void ReadWaveMetadataChunks(Waveform& wave, const uint8_t* chunks, size_t size);
 
 // Name of a format tag for messages and `orlin info` ("MS ADPCM", "MP3" ...); "" when unknown.
 const char* WaveTagName(uint32_t tag);

@@ -168,7 +168,7 @@ Waveform* DescribeWave(Collection* collection, FileObject* file, AudioStream& st
   }
   wave->decoder = decoder;
   addons::TagsToItem(stream.tags, *wave);
-  if (!stream.samplerChunk.empty()) ReadSamplerChunk(*wave, stream.samplerChunk.data(), stream.samplerChunk.size());
+  if (!stream.keptChunks.empty()) ReadWaveMetadataChunks(*wave, stream.keptChunks.data(), stream.keptChunks.size());
   return wave;
 }
 
@@ -301,9 +301,8 @@ bool WriteFlac(Item* item, FileObject* file, const SaveOptions* options) {
   const uint32_t storage = ChooseSaveFormat(*WaveOf(item), *options, rate);
   const uint32_t bits = storage == kStoragePcm24 ? 24 : 16;
   const uint32_t level = options->variant == 2 ? 8 : 5;
-  // Loop, root key and fine tune travel as the WAVE smpl chunk, as flac keeps it from a WAVE.
-  const Waveform& wave = *WaveOf(item);
-  if (wave.loop.type != 0 || wave.rootKey != 60 || wave.fineTune != 0) input.samplerChunk = SamplerChunkBody(wave);
+  // Loop, root key, fine tune and markers travel as WAVE chunks, as flac keeps them from a WAVE.
+  input.keptChunks = WaveMetadataChunks(*WaveOf(item));
   return addons::EncodeFlac(*file, input, bits, level);
 }
 
@@ -437,9 +436,7 @@ bool WriteWavPack(Item* item, FileObject* file, const SaveOptions* options) {
   double rate = 0;
   const uint32_t storage = ChooseSaveFormat(*WaveOf(item), *options, rate);
   const uint32_t bits = storage == kStorageFloat32 ? 32 : storage == kStoragePcm24 ? 24 : 16;
-  const Waveform& wave = *WaveOf(item);
-  if (wave.loop.type != 0 || wave.rootKey != 60 || wave.fineTune != 0)
-    source.input.samplerChunk = SamplerChunkBody(wave);
+  source.input.keptChunks = WaveMetadataChunks(*WaveOf(item));
   return addons::EncodeWavPack(*file, source.input, bits);
 }
 

@@ -237,31 +237,26 @@ std::vector<std::vector<uint8_t>> ForeignRiffChunks(const EncodeInput& input, ui
   PutLe32(format, input.rate * blockAlign);
   format.push_back(uint8_t(blockAlign)), format.push_back(0);
   format.push_back(uint8_t(bits)), format.push_back(0);
-  const std::vector<uint8_t> fmt = Chunk("fmt ", format), smpl = Chunk("smpl", input.samplerChunk);
+  std::vector<std::vector<uint8_t>> chunks = {{}, Chunk("fmt ", format)};
+  // The kept chunks one by one (they are whole chunks, padded).
+  const std::vector<uint8_t>& kept = input.keptChunks;
+  for (size_t at = 0; at + 8 <= kept.size();) {
+    const uint32_t bytes = uint32_t(kept[at + 4] | kept[at + 5] << 8 | kept[at + 6] << 16 | uint32_t(kept[at + 7]) << 24);
+    const size_t end = std::min(kept.size(), at + 8 + size_t(bytes) + (bytes & 1));
+    chunks.emplace_back(kept.begin() + long(at), kept.begin() + long(end));
+    at = end;
+  }
   const uint64_t dataBytes = uint64_t(input.frames) * blockAlign;
-  std::vector<uint8_t> head = {'R', 'I', 'F', 'F'};
-  PutLe32(head, uint32_t(std::min<uint64_t>(4 + fmt.size() + smpl.size() + 8 + dataBytes + (dataBytes & 1), 0xFFFFFFFF)));
+  uint64_t riffBytes = 4 + 8 + dataBytes + (dataBytes & 1);
+  for (size_t i = 1; i < chunks.size(); ++i) riffBytes += chunks[i].size();
+  std::vector<uint8_t>& head = chunks[0];
+  head = {'R', 'I', 'F', 'F'};
+  PutLe32(head, uint32_t(std::min<uint64_t>(riffBytes, 0xFFFFFFFF)));
   head.insert(head.end(), {'W', 'A', 'V', 'E'});
   std::vector<uint8_t> data = {'d', 'a', 't', 'a'};
   PutLe32(data, uint32_t(std::min<uint64_t>(dataBytes, 0xFFFFFFFF)));
-  return {head, fmt, smpl, data};
-}
-
-std::vector<uint8_t> FindSamplerChunk(const uint8_t* riff, size_t size) {
-  // Past the RIFF head when there is one; then chunk by chunk.
-  size_t at = size >= 12 && std::memcmp(riff, "RIFF", 4) == 0 ? 12 : 0;
-  while (at + 8 <= size) {
-    const uint32_t bytes = uint32_t(riff[at + 4] | riff[at + 5] << 8 | riff[at + 6] << 16 | uint32_t(riff[at + 7]) << 24);
-    // A kept head holds only the head of "data"; what follows it is the WAVE's trailer.
-    if (std::memcmp(riff + at, "data", 4) == 0) {
-      at += 8;
-      continue;
-    }
-    if (std::memcmp(riff + at, "smpl", 4) == 0)
-      return std::vector<uint8_t>(riff + at + 8, riff + at + 8 + std::min<size_t>(bytes, size - at - 8));
-    at += 8 + size_t(bytes) + (bytes & 1);
-  }
-  return {};
+  chunks.push_back(std::move(data));
+  return chunks;
 }
 
 }  // namespace orlin::addons

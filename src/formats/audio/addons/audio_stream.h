@@ -46,9 +46,9 @@ class AudioStream {
   uint32_t bits = 16;   // bits of the source for lossless codecs
   bool lossless = false;
   AudioTags tags;
-  // The body of a WAVE smpl chunk (loop, root key, fine tune) the file carried from a WAVE it was
-  // made of, as FLAC keeps foreign RIFF chunks; empty when none.
-  std::vector<uint8_t> samplerChunk;
+  // The chunks of a WAVE the file was made of, as FLAC and WavPack keep them (a RIFF head, "fmt ",
+  // the head of "data", "smpl", "cue "...): where a loop and markers may be. Empty when none.
+  std::vector<uint8_t> keptChunks;
 };
 
 // Decodes everything from the stream's position into `out`, at most `limit` frames.
@@ -63,16 +63,14 @@ struct EncodeInput {
   uint32_t channels = 1;
   uint32_t rate = 44100;
   AudioTags tags;
-  std::vector<uint8_t> samplerChunk;  // written where the container keeps RIFF chunks; empty: none
+  // Whole WAVE chunks (smpl, cue, LIST) for containers that keep a WAVE's chunks; empty: none.
+  std::vector<uint8_t> keptChunks;
 };
 
-// The RIFF chunks that stand for a WAVE's head around a sampler chunk, as FLAC (one APPLICATION
-// "riff" block each) and WavPack (one header wrapper) keep a WAVE's own: the RIFF head, "fmt ",
-// "smpl" with `input.samplerChunk`, and the head of "data" sized for `input.frames`.
+// The head of a WAVE around `input.keptChunks`, chunk by chunk, as FLAC (one APPLICATION "riff"
+// block each) and WavPack (one header wrapper) keep a WAVE's own: the RIFF head, "fmt ", each kept
+// chunk, and the head of "data" sized for `input.frames`.
 std::vector<std::vector<uint8_t>> ForeignRiffChunks(const EncodeInput& input, uint32_t bits, bool isFloat);
-// The body of the first "smpl" chunk of such a kept WAVE head (a whole head, a head and trailer
-// joined, or one chunk); empty when there is none.
-std::vector<uint8_t> FindSamplerChunk(const uint8_t* riff, size_t size);
 
 // A file seen from a position onward, as the codec libraries' read/seek/tell callbacks want it:
 // offsets are relative to `base`. Seek takes SEEK_SET, SEEK_CUR or SEEK_END; false when it fails.

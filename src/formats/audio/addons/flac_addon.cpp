@@ -190,8 +190,10 @@ class FlacStream : public AudioStream {
     } else if (block->type == FLAC__METADATA_TYPE_APPLICATION && block->length > 4 &&
                std::memcmp(block->data.application.id, "riff", 4) == 0 && block->data.application.data) {
       // flac --keep-foreign-metadata keeps each RIFF chunk of the source WAVE in a block of its own.
-      std::vector<uint8_t> smpl = FindSamplerChunk(block->data.application.data, block->length - 4);
-      if (!smpl.empty() && self->samplerChunk.empty()) self->samplerChunk = std::move(smpl);
+      constexpr size_t kMostKeptBytes = 1 << 20;
+      const uint8_t* data = block->data.application.data;
+      if (self->keptChunks.size() + block->length - 4 <= kMostKeptBytes)
+        self->keptChunks.insert(self->keptChunks.end(), data, data + block->length - 4);
     } else if (block->type == FLAC__METADATA_TYPE_PICTURE && self->tags.picture.empty()) {
       const auto& picture = block->data.picture;
       if (picture.data && picture.data_length) {
@@ -253,7 +255,7 @@ bool EncodeFlac(FileObject& file, const EncodeInput& input, uint32_t bits, uint3
     SetLastError("Out of memory");
     return false;
   }
-  FLAC__StreamMetadata* metadata[6] = {};
+  FLAC__StreamMetadata* metadata[8] = {};
   uint32_t blocks = 0;
   const auto comments = VorbisComments(input.tags);
   if (!comments.empty()) {
@@ -275,10 +277,11 @@ bool EncodeFlac(FileObject& file, const EncodeInput& input, uint32_t bits, uint3
     api.pictureData(metadata[blocks], bytes.data(), uint32_t(bytes.size()), true);
     ++blocks;
   }
-  if (!input.samplerChunk.empty()) {
+  if (!input.keptChunks.empty()) {
     // The layout flac --keep-foreign-metadata writes and restores: the RIFF head, each chunk before
     // the samples in a block of its own ("fmt " first), then the head of the data chunk.
     for (const std::vector<uint8_t>& block : ForeignRiffChunks(input, bits, false)) {
+      if (blocks == std::size(metadata)) break;
       metadata[blocks] = api.metadataNew(FLAC__METADATA_TYPE_APPLICATION);
       std::memcpy(metadata[blocks]->data.application.id, "riff", 4);
       std::vector<uint8_t> copy = block;

@@ -131,7 +131,8 @@ class WavPackStream : public AudioStream {
     // the trailer is read from the last block, then decoding starts again from the first.
     if (api.wrapperBytes(context_) > 0) {
       api.seekTrailingWrapper(context_);
-      samplerChunk = FindSamplerChunk(api.wrapperData(context_), api.wrapperBytes(context_));
+      const uint8_t* wrapper = api.wrapperData(context_);
+      if (wrapper) keptChunks.assign(wrapper, wrapper + std::min<uint32_t>(api.wrapperBytes(context_), 1u << 20));
       api.seekSample(context_, 0);
     }
     channels = uint32_t(std::max(api.numChannels(context_), 0));
@@ -218,7 +219,7 @@ bool EncodeWavPack(FileObject& file, const EncodeInput& input, uint32_t bits) {
   if (isFloat) config.float_norm_exp = 127;
   bool ok = api.setConfiguration(context, &config, input.frames) && api.packInit(context);
   // A loop travels in the head of a WAVE, which wvunpack writes back in front of the samples.
-  if (ok && !input.samplerChunk.empty()) {
+  if (ok && !input.keptChunks.empty()) {
     std::vector<uint8_t> head;
     for (const std::vector<uint8_t>& chunk : ForeignRiffChunks(input, bits, isFloat))
       head.insert(head.end(), chunk.begin(), chunk.end());
