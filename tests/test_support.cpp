@@ -1,5 +1,7 @@
 #include "test_support.h"
 
+#include "core/pipeline.h"
+
 #include <unistd.h>
 
 #include <array>
@@ -49,6 +51,7 @@ int RunCommand(const std::string& command, std::string* output) {
   if (!pipe) return -1;
   std::array<char, 4096> buffer;
   size_t n;
+  if (output) output->clear();
   while ((n = fread(buffer.data(), 1, buffer.size(), pipe)) > 0)
     if (output) output->append(buffer.data(), n);
   const int status = pclose(pipe);
@@ -56,6 +59,12 @@ int RunCommand(const std::string& command, std::string* output) {
 }
 
 std::filesystem::path SourceDir() { return ORLIN_SOURCE_DIR; }
+
+Waveform* LoadFirstWave(Collection& collection, const std::string& path) {
+  if (!LoadFile(collection, path, false)) return nullptr;
+  for (Waveform* wave : collection.All<Waveform>()) return wave;
+  return nullptr;
+}
 
 std::string OrlinProgram() { return (std::filesystem::path(ORLIN_BINARY_DIR) / "orlin").string(); }
 

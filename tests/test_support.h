@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "core/collection.h"
 #include "core/user_interface.h"
 
 namespace orlin::test {
@@ -38,12 +39,16 @@ class ScratchDir {
 
 void WriteBytes(const std::string& path, const std::vector<uint8_t>& bytes);
 std::vector<uint8_t> ReadBytes(const std::string& path);
-// Runs a shell command; returns its exit status and stores standard output.
+// Runs a shell command; returns its exit status and stores standard output (replacing what
+// `output` held).
 int RunCommand(const std::string& command, std::string* output = nullptr);
 // The path of the built `orlin` program.
 std::string OrlinProgram();
 // The project's source folder (where README.md is).
 std::filesystem::path SourceDir();
+// Reads `path` into `collection` (cleared first) and gives its first wave; null when the load fails
+// or holds no wave.
+Waveform* LoadFirstWave(Collection& collection, const std::string& path);
 
 // Deterministic noise for test signals.
 class SeededRandom {

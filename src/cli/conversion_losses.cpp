@@ -27,9 +27,6 @@ std::string KeyName(int key) {
   return std::string(kNames[key % 12]) + std::to_string(key / 12 - 1);
 }
 
-// Markers a user set, not the loop's own points that some formats list as markers.
-size_t UserMarkers(const Waveform& wave) { return wave.markers.size(); }
-
 // `pitchInRegions`: an instrument's regions carry the pitch, and a writer may move a wave's root
 // into them (a SoundFont correction above 50 cents becomes the next key and a negative tune).
 void CompareWaves(const Waveform& before, const Waveform& after, bool pitchInRegions,
@@ -48,8 +45,8 @@ void CompareWaves(const Waveform& before, const Waveform& after, bool pitchInReg
     else if (a.type != b.type)
       add("loop kind changed");
   }
-  if (UserMarkers(after) < UserMarkers(before))
-    add(std::to_string(UserMarkers(before) - UserMarkers(after)) + " of " + std::to_string(UserMarkers(before)) +
+  if (after.markers.size() < before.markers.size())
+    add(std::to_string(before.markers.size() - after.markers.size()) + " of " + std::to_string(before.markers.size()) +
         " markers dropped");
   if (before.rootKey != after.rootKey && !pitchInRegions)
     add("root key " + KeyName(before.rootKey) + " became " + KeyName(after.rootKey));

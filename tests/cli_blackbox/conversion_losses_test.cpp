@@ -16,12 +16,6 @@ using test::ScratchDir;
 std::string Quote(const std::string& text) { return "'" + text + "'"; }
 std::string Orlin() { return test::OrlinProgram() + " "; }
 
-// RunCommand appends to what it is given; each run here reads its own output.
-int RunFresh(const std::string& command, std::string* output) {
-  output->clear();
-  return RunCommand(command, output);
-}
-
 size_t Count(const std::string& text, const std::string& what) {
   size_t count = 0;
   for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++count;
@@ -38,25 +32,25 @@ TEST(ConversionLosses, LoopsRootsAndChannelsThatDidNotSurviveAreNamed) {
   std::string text;
 
   // AIFF keeps the loop and the base note: nothing to report, and libsndfile sees both.
-  ASSERT_EQ(RunFresh(Orlin() + "convert " + Quote(looped) + " -o " + Quote(dir.File("a.aiff")) + " 2>&1", &text), 0);
+  ASSERT_EQ(RunCommand(Orlin() + "convert " + Quote(looped) + " -o " + Quote(dir.File("a.aiff")) + " 2>&1", &text), 0);
   EXPECT_EQ(text.find("dropped"), std::string::npos) << text;
   EXPECT_EQ(text.find("became"), std::string::npos) << text;
   std::string instrument;
-  RunFresh("sndfile-info --instrument " + Quote(dir.File("a.aiff")), &instrument);
+  RunCommand("sndfile-info --instrument " + Quote(dir.File("a.aiff")), &instrument);
   EXPECT_NE(instrument.find("Base note   : 69"), std::string::npos) << instrument;
   EXPECT_NE(instrument.find("Loop points : 1"), std::string::npos) << instrument;
 
   // Sun au holds neither: both are named, once each, and libsndfile finds no loop there.
-  ASSERT_EQ(RunFresh(Orlin() + "convert " + Quote(looped) + " -o " + Quote(dir.File("a.au")) + " 2>&1", &text), 0);
+  ASSERT_EQ(RunCommand(Orlin() + "convert " + Quote(looped) + " -o " + Quote(dir.File("a.au")) + " 2>&1", &text), 0);
   EXPECT_EQ(Count(text, "loop dropped"), 1u) << text;
   EXPECT_EQ(Count(text, "root key A4 became C4"), 1u) << text;
-  RunFresh("sndfile-info --instrument " + Quote(dir.File("a.au")) + " 2>&1", &instrument);
+  RunCommand("sndfile-info --instrument " + Quote(dir.File("a.au")) + " 2>&1", &instrument);
   EXPECT_NE(instrument.find("does not contain instrument data"), std::string::npos) << instrument;
 
   // A stereo wave through a mono-only codec.
   const std::string stereo = dir.File("stereo.wav");
   ASSERT_EQ(RunCommand("sox -n -r 8000 -c 2 -b 16 " + Quote(stereo) + " synth 0.3 sine 300 sine 500"), 0);
-  ASSERT_EQ(RunFresh(Orlin() + "convert " + Quote(stereo) + " --data-format 'ADPCM 4-bit' -o " +
+  ASSERT_EQ(RunCommand(Orlin() + "convert " + Quote(stereo) + " --data-format 'ADPCM 4-bit' -o " +
                            Quote(dir.File("mono.wav")) + " 2>&1",
                        &text),
             0);
@@ -66,7 +60,7 @@ TEST(ConversionLosses, LoopsRootsAndChannelsThatDidNotSurviveAreNamed) {
   EXPECT_EQ(channels, "1\n");
 
   // --json carries the same as data, and -q keeps standard error quiet.
-  ASSERT_EQ(RunFresh(Orlin() + "convert -q --json " + Quote(looped) + " -o " + Quote(dir.File("b.au")) + " 2>&1",
+  ASSERT_EQ(RunCommand(Orlin() + "convert -q --json " + Quote(looped) + " -o " + Quote(dir.File("b.au")) + " 2>&1",
                        &text),
             0);
   EXPECT_NE(text.find("\"lost\":[{\"item\":\"waveform \\\"wav_s16_smpl_loop\\\"\",\"what\":\"loop dropped\"}"),
@@ -86,7 +80,7 @@ TEST(ConversionLosses, AWholeBankIntoAKitReportsNothingItKept) {
             0);
   EXPECT_EQ(text.find("orlin:"), std::string::npos) << text.substr(0, 2000);
   // The bank saved again as a bank loses nothing.
-  ASSERT_EQ(RunFresh(Orlin() + "convert " + Quote(bank) + " --json -o " + Quote(dir.File("kit.sf2")) + " 2>&1", &text),
+  ASSERT_EQ(RunCommand(Orlin() + "convert " + Quote(bank) + " --json -o " + Quote(dir.File("kit.sf2")) + " 2>&1", &text),
             0);
   EXPECT_NE(text.find("\"lost\":[]"), std::string::npos) << text.substr(0, 2000);
 }

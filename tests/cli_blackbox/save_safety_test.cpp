@@ -86,42 +86,39 @@ TEST(SaveSafety, KilledAndConcurrentSavesLeaveWholeFiles) {
   const std::string out = dir.File("out.sf2");
   ASSERT_EQ(RunCommand(Orlin() + "convert -y " + Quote(bank) + " -o " + Quote(out) + " >/dev/null 2>&1"), 0);
   const auto whole = ReadBytes(out);
-  // kill -9 at several points of a save: the target is always the old whole file.
-  for (int delayMs : {5, 40, 150, 400}) {
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-      // exec: the shell becomes orlin, so the kill reaches the save itself.
-      execl("/bin/sh", "sh", "-c", ("exec " + Orlin() + "convert -y " + Quote(bank) + " -o " + Quote(out) + " >/dev/null 2>&1").c_str(),
-            nullptr);
-      _exit(127);
-    }
-    usleep(useconds_t(delayMs) * 1000);
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
-    EXPECT_EQ(ReadBytes(out), whole) << "after " << delayMs << " ms";
-  }
-  // Ctrl-C, SIGTERM or a closed terminal during a save: the target is the old whole file and no
-  // temporary is left behind for a later save to sweep.
   auto temporaries = [&] {
     int count = 0;
     for (const auto& entry : fs::directory_iterator(dir.Path()))
       count += entry.path().filename().string().find(".orlin-") != std::string::npos;
     return count;
   };
+  // Starts the save in a child and sends it `signal` after `delayMs`.
+  auto interruptSave = [&](int signal, int delayMs) {
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      // exec: the shell becomes orlin, so the signal reaches the save itself.
+      execl("/bin/sh", "sh", "-c", ("exec " + Orlin() + "convert -y " + Quote(bank) + " -o " + Quote(out) + " >/dev/null 2>&1").c_str(),
+            nullptr);
+      _exit(127);
+    }
+    usleep(useconds_t(delayMs) * 1000);
+    kill(child, signal);
+    waitpid(child, nullptr, 0);
+  };
+  // kill -9 at several points of a save: the target is always the old whole file.
+  for (int delayMs : {5, 40, 150, 400}) {
+    interruptSave(SIGKILL, delayMs);
+    EXPECT_EQ(ReadBytes(out), whole) << "after " << delayMs << " ms";
+  }
+  // A kill -9 leaves its temporary; the next save to that name sweeps it.
+  ASSERT_EQ(RunCommand(Orlin() + "convert -y " + Quote(bank) + " -o " + Quote(out) + " >/dev/null 2>&1"), 0);
+  EXPECT_EQ(temporaries(), 0);
+  // Ctrl-C, SIGTERM or a closed terminal during a save: the target is the old whole file and no
+  // temporary is left behind for a later save to sweep.
   for (int signal : {SIGINT, SIGTERM, SIGHUP}) {
     for (int delayMs : {20, 60, 120}) {
-      const pid_t child = fork();
-      ASSERT_GE(child, 0);
-      if (child == 0) {
-        execl("/bin/sh", "sh", "-c", ("exec " + Orlin() + "convert -y " + Quote(bank) + " -o " + Quote(out) + " >/dev/null 2>&1").c_str(),
-              nullptr);
-        _exit(127);
-      }
-      usleep(useconds_t(delayMs) * 1000);
-      kill(child, signal);
-      int status = 0;
-      waitpid(child, &status, 0);
+      interruptSave(signal, delayMs);
       EXPECT_EQ(ReadBytes(out), whole) << "signal " << signal << " after " << delayMs << " ms";
       EXPECT_EQ(temporaries(), 0) << "signal " << signal << " after " << delayMs << " ms";
     }

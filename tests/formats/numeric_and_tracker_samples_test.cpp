@@ -17,12 +17,6 @@
 namespace orlin {
 namespace {
 
-Waveform* LoadFirst(Collection& collection, const std::string& path) {
-  if (!LoadFile(collection, path, false)) return nullptr;
-  for (Waveform* wave : collection.All<Waveform>()) return wave;
-  return nullptr;
-}
-
 std::vector<float> SamplesOf(Waveform& wave) {
   const float* samples = wave.GetSamplesForRead();
   if (!samples) return {};
@@ -76,7 +70,7 @@ TEST(MatlabFiles, WhatLibsndfileWritesDecodesAsLibsndfileDecodesIt) {
               0);
     std::filesystem::remove(written);
     Collection collection;
-    Waveform* wave = LoadFirst(collection, path);
+    Waveform* wave = test::LoadFirstWave(collection, path);
     ASSERT_NE(wave, nullptr) << LastError();
     EXPECT_EQ(wave->channels, 2);
     EXPECT_EQ(wave->sampleRate, 44100u);
@@ -146,7 +140,7 @@ TEST(MatlabFiles, PackedTwoColumnMatrixIsLeftThenRight) {
   const std::string path = scratch.File("octave.mat");
   test::WriteBytes(path, file);
   Collection collection;
-  Waveform* wave = LoadFirst(collection, path);
+  Waveform* wave = test::LoadFirstWave(collection, path);
   ASSERT_NE(wave, nullptr) << LastError();
   EXPECT_EQ(wave->sampleRate, 48000u);
   ASSERT_EQ(wave->channels, 2);
@@ -175,7 +169,7 @@ TEST(TextAudio, SoxDatFilesReadAsSoxReadsThem) {
   const std::string path = scratch.File("tone.txt");
   std::filesystem::rename(dat, path);
   Collection collection;
-  Waveform* wave = LoadFirst(collection, path);
+  Waveform* wave = test::LoadFirstWave(collection, path);
   ASSERT_NE(wave, nullptr) << LastError();
   EXPECT_EQ(wave->sampleRate, 22050u);
   EXPECT_EQ(wave->channels, 2);
@@ -188,7 +182,7 @@ TEST(TextAudio, IntegerColumnsScaleByTheirWidthAndOtherTextIsRefused) {
   const std::string text = "# exported from a logger\n100, -200\n32767, 0\n-32768, 5\n";
   test::WriteBytes(path, std::vector<uint8_t>(text.begin(), text.end()));
   Collection collection;
-  Waveform* wave = LoadFirst(collection, path);
+  Waveform* wave = test::LoadFirstWave(collection, path);
   ASSERT_NE(wave, nullptr) << LastError();
   EXPECT_EQ(wave->channels, 2);
   EXPECT_EQ(wave->length, 3u);
@@ -199,7 +193,7 @@ TEST(TextAudio, IntegerColumnsScaleByTheirWidthAndOtherTextIsRefused) {
   const std::string words = "Shopping list\neggs\nmilk\n";
   test::WriteBytes(prose, std::vector<uint8_t>(words.begin(), words.end()));
   Collection other;
-  EXPECT_EQ(LoadFirst(other, prose), nullptr);
+  EXPECT_EQ(test::LoadFirstWave(other, prose), nullptr);
 }
 
 // ---- tracker instruments
@@ -208,7 +202,7 @@ TEST(TrackerInstruments, LibsndfileXiDecodesAsItsReference) {
   ORLIN_REQUIRE_TESTDATA();
   const auto path = test::TestDataDir() / "audio/generated/tone440/xi_ft2_sndfile.xi";
   Collection collection;
-  Waveform* wave = LoadFirst(collection, path.string());
+  Waveform* wave = test::LoadFirstWave(collection, path.string());
   ASSERT_NE(wave, nullptr) << LastError();
   EXPECT_EQ(wave->length, 22050u);
   EXPECT_LE(WorstDifference(SamplesOf(*wave), FloatsOf(path.string() + ".f32")), 1.0 / 32768);
@@ -246,7 +240,7 @@ TEST(TrackerInstruments, S3iCutFromAModuleReadsLikeTheModulesSample) {
       const std::string path = scratch.File("cut.s3i");
       test::WriteBytes(path, s3i);
       Collection single, whole;
-      Waveform* wave = LoadFirst(single, path);
+      Waveform* wave = test::LoadFirstWave(single, path);
       ASSERT_NE(wave, nullptr) << LastError();
       ASSERT_TRUE(LoadFile(whole, entry.path().string(), false));
       const std::vector<float> cut = SamplesOf(*wave);

@@ -16,12 +16,6 @@
 namespace orlin {
 namespace {
 
-Waveform* LoadFirst(Collection& collection, const std::string& path) {
-  if (!LoadFile(collection, path, false)) return nullptr;
-  for (Waveform* wave : collection.All<Waveform>()) return wave;
-  return nullptr;
-}
-
 std::vector<float> FloatsOf(const std::string& path) {
   const std::vector<uint8_t> bytes = test::ReadBytes(path);
   std::vector<float> out(bytes.size() / 4);
@@ -54,7 +48,7 @@ TEST(PlainContainersCorpus, FilesDecodeAsTheirReferences) {
     SCOPED_TRACE(item.path);
     const std::string path = (test::TestDataDir() / item.path).string();
     Collection collection;
-    Waveform* wave = LoadFirst(collection, path);
+    Waveform* wave = test::LoadFirstWave(collection, path);
     ASSERT_NE(wave, nullptr) << LastError();
     const std::vector<float> reference = FloatsOf(path + ".f32");
     ASSERT_EQ(size_t(wave->length) * wave->channels, reference.size());
@@ -130,7 +124,7 @@ TEST(PlainContainersReader, VocRepeatBlocksBecomeTheLoop) {
   test::ScratchDir scratch;
   test::WriteBytes(scratch.File("loop.voc"), voc);
   Collection collection;
-  Waveform* wave = LoadFirst(collection, scratch.File("loop.voc"));
+  Waveform* wave = test::LoadFirstWave(collection, scratch.File("loop.voc"));
   ASSERT_NE(wave, nullptr) << LastError();
   EXPECT_EQ(wave->sampleRate, 8000u);
   EXPECT_EQ(wave->length, 12u);

@@ -543,6 +543,10 @@ bool ParseWave(Waveform& wave, FileObject& file, uint64_t start, uint64_t end) {
         parser.dataBytes = std::min(parser.ds64DataSize, cursor.limit - cursor.position);
       // RF64 data reaches past 4 GiB: the next head is behind the ds64 size, not the 32-bit one.
       if (cursor.rawSize == 0xFFFFFFFF) cursor.next = cursor.position + parser.dataBytes + (parser.dataBytes & 1);
+      // Lengths are counted from the bytes the file really holds, not from what a cut or forged
+      // chunk head claims.
+      const int64_t fileSize = file.Size();
+      if (fileSize > 0) parser.dataBytes = std::min<uint64_t>(parser.dataBytes, uint64_t(fileSize) - std::min<uint64_t>(uint64_t(fileSize), cursor.position));
       continue;
     }
     if (id == FourCC("atem")) {
@@ -705,12 +709,6 @@ bool DecodeCodedSamples(Waveform* wave, FileObject* file, uint32_t tag, const st
   if (MayNameLeadingHeader(tag) && params.extensionBytes >= 2)
     skip = std::min<uint64_t>(params.extension[0] | params.extension[1] << 8, available);
   uint64_t byteCount = available - skip;
-  // The header's length was checked against the data chunk's stated size; a chunk that claims more
-  // than the file holds gets the same densest-rate bound again, now from the bytes really there.
-  constexpr uint64_t kCodecFrameSlack = 1152;
-  const double bitsPerFrame = double(params.channels) * (params.bitsPerSample <= 1 ? 0.125 : params.bitsPerSample / 2.0);
-  const uint64_t mostFrames = uint64_t(double(byteCount) * 8.0 / bitsPerFrame) + kCodecFrameSlack;
-  wave->length = uint32_t(std::min<uint64_t>(wave->length, mostFrames));
   if (const uint64_t needed = BytesForFrames(*codec, params, wave->length)) byteCount = std::min(byteCount, needed);
   if (byteCount >= kMaxDecodeBytes) return Fail("Wave is too big!");
   std::vector<uint8_t> bytes;
